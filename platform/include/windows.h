@@ -10,6 +10,8 @@
 #include "handleapi.h"
 #include "synchapi.h"
 #include "processthreadsapi.h"
+#include "processenv.h"
+#include "securitybaseapi.h"
 #include "threadpoollegacyapiset.h"
 #include "sysinfoapi.h"
 #include "timezoneapi.h"

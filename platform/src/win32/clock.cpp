@@ -7,6 +7,7 @@
 #include <mutex>
 
 #include "adplatform.h"
+#include "sysinfoapi.h"
 
 namespace adp {
 namespace {
@@ -73,3 +74,10 @@ uint64_t WallMicrosecondsFor(uint64_t systemMilliseconds) {
 }
 
 }  // namespace adp
+
+extern "C" {
+
+DWORD GetTickCount() { return static_cast<DWORD>(adp::SystemMilliseconds()); }
+ULONGLONG GetTickCount64() { return adp::SystemMilliseconds(); }
+
+}  // extern "C"

@@ -1,0 +1,3 @@
+// The RPC runtime as this system uses it: UUID conversions.
+#pragma once
+#include "rpcdce.h"
