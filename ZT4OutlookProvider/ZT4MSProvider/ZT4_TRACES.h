@@ -2,6 +2,7 @@
 // the property-tag dump. One process-wide CNxLogger sits behind them.
 #pragma once
 #include <windows.h>
+#include <comdef.h>
 
 #include "NxLogger.h"
 
@@ -63,3 +64,40 @@ void SetAssertBreak(BOOL bBreak);
 LPCSTR GetPropTagName(ULONG ulPropTag);
 // Logs that name at level 4 (the tag in hexadecimal when it has none).
 void DumpPropTag(ULONG ulPropTag);
+
+// Failure checks. A function keeps its result in a local `hResult`; a failing check logs the
+// text of the expression at level 1 and throws the code as a plain HRESULT, which the function
+// catches at its end with ZT4_CATCH. A thrown 0 stands for E_FAIL. MAPI_W_ERRORS_RETURNED is a
+// success code and passes.
+#define ZT4_CHECK(expr)                                    \
+  do {                                                     \
+    hResult = (expr);                                      \
+    if (FAILED(hResult)) {                                 \
+      ZT4_LOG(ZT4_LEVEL_ERROR, "%s failed", #expr);        \
+      throw static_cast<HRESULT>(hResult);                 \
+    }                                                      \
+  } while (0)
+
+// Logs "<expr> is NULL" and throws hrFail when the pointer is null.
+#define ZT4_CHECK_NULL(ptr, hrFail)                        \
+  do {                                                     \
+    if ((ptr) == NULL) {                                   \
+      ZT4_LOG(ZT4_LEVEL_ERROR, "%s is NULL", #ptr);        \
+      throw static_cast<HRESULT>(hrFail);                  \
+    }                                                      \
+  } while (0)
+
+// The code a caught HRESULT stands for.
+inline HRESULT ZT4ThrownResult(HRESULT hrThrown) { return hrThrown == 0 ? E_FAIL : hrThrown; }
+
+// Ends a try block: a thrown HRESULT or a _com_error from across the provider boundary
+// becomes the function's result.
+#define ZT4_CATCH(hResult)                                                 \
+  catch (HRESULT zt4Thrown_) { (hResult) = ZT4ThrownResult(zt4Thrown_); } \
+  catch (const _com_error& zt4ComError_) { (hResult) = ZT4ThrownResult(zt4ComError_.Error()); }
+
+// The closing log of a method: "Class::Method:%x" at level 1 for a failure.
+#define ZT4_LOG_FAILURE(pszWhere, hResult)                                  \
+  do {                                                                      \
+    if (FAILED(hResult)) ZT4_LOG(ZT4_LEVEL_ERROR, pszWhere ":%x", (hResult)); \
+  } while (0)

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <mapicode.h>
 #include <mapitags.h>
 
 #include "Output.h"
@@ -104,4 +105,60 @@ TEST(ZT4TracesTest, TagDumpIsQuietBelowLevelFour) {
   ZT4_LOG(ZT4_LEVEL_INFO, "marker");
   EXPECT_TRUE(log.Has("marker"));
   EXPECT_FALSE(log.Has("PR_SUBJECT"));
+}
+
+namespace {
+
+HRESULT FailingStep(HRESULT hrStep) { return hrStep; }
+
+// The idiom every provider method follows: check, throw, catch at the end, closing log.
+HRESULT CheckedOperation(HRESULT hrStep, const void* pRequired) {
+  HRESULT hResult = S_OK;
+  try {
+    ZT4_CHECK_NULL(pRequired, E_INVALIDARG);
+    ZT4_CHECK(FailingStep(hrStep));
+    if (hrStep == MAPI_W_ERRORS_RETURNED) hResult = hrStep;
+  }
+  ZT4_CATCH(hResult)
+  ZT4_LOG_FAILURE("CTest::CheckedOperation", hResult);
+  return hResult;
+}
+
+HRESULT ThrowsZero() {
+  HRESULT hResult = S_OK;
+  try {
+    throw static_cast<HRESULT>(0);
+  }
+  ZT4_CATCH(hResult)
+  return hResult;
+}
+
+HRESULT ThrowsComError() {
+  HRESULT hResult = S_OK;
+  try {
+    _com_issue_error(E_NOINTERFACE);
+  }
+  ZT4_CATCH(hResult)
+  return hResult;
+}
+
+}  // namespace
+
+TEST(ZT4TracesTest, FailureChecksLogTheExpressionAndReturnTheCode) {
+  zt4test::TraceLog log(1);
+  int nRequired = 0;
+  EXPECT_EQ(CheckedOperation(MAPI_E_NOT_FOUND, &nRequired), MAPI_E_NOT_FOUND);
+  EXPECT_TRUE(log.Has("FailingStep(hrStep) failed\r\n"));
+  EXPECT_TRUE(log.Has("CTest::CheckedOperation:8004010f\r\n"));
+
+  EXPECT_EQ(CheckedOperation(S_OK, nullptr), E_INVALIDARG);
+  EXPECT_TRUE(log.Has("pRequired is NULL\r\n"));
+
+  // A warning is success: no failure line and the code comes back.
+  const std::string before = log.Text();
+  EXPECT_EQ(CheckedOperation(MAPI_W_ERRORS_RETURNED, &nRequired), MAPI_W_ERRORS_RETURNED);
+  EXPECT_EQ(log.Text(), before);
+
+  EXPECT_EQ(ThrowsZero(), E_FAIL);
+  EXPECT_EQ(ThrowsComError(), E_NOINTERFACE);
 }
