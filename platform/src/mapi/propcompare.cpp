@@ -25,14 +25,17 @@ template <class T> LONG Order(const T& a, const T& b) { return a < b ? -1 : (b <
 // Absent pointers sort before present ones.
 LONG OrderPresence(const void* a, const void* b) { return Order(a != nullptr, b != nullptr); }
 
-std::u32string Folded(std::u32string text) { return adp::mapi::NormalizeText(std::move(text), true, false); }
-
+// Case-insensitive order of code points, read in place: sorts compare text many times.
 template <class C> LONG CompareText(const C* a, const C* b) {
   if (!a || !b) return OrderPresence(a, b);
-  std::u32string x = Folded(CodePointsOf(a));
-  std::u32string y = Folded(CodePointsOf(b));
-  int r = x.compare(y);
-  return r < 0 ? -1 : (r > 0 ? 1 : 0);
+  adp::mapi::CodePointReader x(a), y(b);
+  for (;;) {
+    char32_t cx = 0, cy = 0;
+    bool hasX = x.Next(cx), hasY = y.Next(cy);
+    if (!hasX || !hasY) return Order(hasX, hasY);
+    LONG r = Order(adp::mapi::FoldCase(cx), adp::mapi::FoldCase(cy));
+    if (r != 0) return r;
+  }
 }
 
 LONG CompareBinary(const SBinary& a, const SBinary& b) {

@@ -65,38 +65,43 @@ static_assert(sizeof(kLatin1Base) == 0x40 + 1 && sizeof(kLatinABase) == 0x80 + 1
 
 }  // namespace
 
-std::u32string CodePointsOf(const char* text) {
+bool CodePointReader::Next(char32_t& cp) {
+  if (m_narrow) {
+    if (*m_narrow == 0) return false;
+    size_t used = DecodeUtf8(m_narrow, cp);
+    if (used == 0) {
+      cp = 0xDC00 + *m_narrow;
+      used = 1;
+    }
+    m_narrow += used;
+    return true;
+  }
+  if (!m_wide || *m_wide == 0) return false;
+  char16_t u = m_wide[0];
+  if (u >= 0xD800 && u <= 0xDBFF && m_wide[1] >= 0xDC00 && m_wide[1] <= 0xDFFF) {
+    cp = 0x10000 + ((char32_t(u) - 0xD800) << 10) + (char32_t(m_wide[1]) - 0xDC00);
+    m_wide += 2;
+  } else {
+    cp = u;
+    ++m_wide;
+  }
+  return true;
+}
+
+namespace {
+
+template <class C> std::u32string CollectCodePoints(const C* text) {
   std::u32string out;
   if (!text) return out;
-  const unsigned char* s = reinterpret_cast<const unsigned char*>(text);
-  while (*s) {
-    char32_t cp = 0;
-    size_t used = DecodeUtf8(s, cp);
-    if (used == 0) {
-      out.push_back(0xDC00 + *s);
-      ++s;
-    } else {
-      out.push_back(cp);
-      s += used;
-    }
-  }
+  CodePointReader reader(text);
+  for (char32_t cp = 0; reader.Next(cp);) out.push_back(cp);
   return out;
 }
 
-std::u32string CodePointsOf(const char16_t* text) {
-  std::u32string out;
-  if (!text) return out;
-  for (const char16_t* s = text; *s; ++s) {
-    char16_t u = *s;
-    if (u >= 0xD800 && u <= 0xDBFF && s[1] >= 0xDC00 && s[1] <= 0xDFFF) {
-      out.push_back(0x10000 + ((char32_t(u) - 0xD800) << 10) + (char32_t(s[1]) - 0xDC00));
-      ++s;
-    } else {
-      out.push_back(u);
-    }
-  }
-  return out;
-}
+}  // namespace
+
+std::u32string CodePointsOf(const char* text) { return CollectCodePoints(text); }
+std::u32string CodePointsOf(const char16_t* text) { return CollectCodePoints(text); }
 
 char32_t FoldCase(char32_t c) {
   if (c < 0x80) return (c >= U'A' && c <= U'Z') ? c + 0x20 : c;

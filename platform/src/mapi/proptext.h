@@ -10,6 +10,19 @@ namespace adp::mapi {
 std::u32string CodePointsOf(const char* text);
 std::u32string CodePointsOf(const char16_t* text);
 
+// Reads NUL-terminated text one code point at a time, with the same decoding as CodePointsOf,
+// so comparisons need no copies. Next gives false at the end.
+class CodePointReader {
+ public:
+  explicit CodePointReader(const char* text) : m_narrow(reinterpret_cast<const unsigned char*>(text)) {}
+  explicit CodePointReader(const char16_t* text) : m_wide(text) {}
+  bool Next(char32_t& cp);
+
+ private:
+  const unsigned char* m_narrow = nullptr;
+  const char16_t* m_wide = nullptr;
+};
+
 // Simple one-to-one case folding for Latin, Greek and Cyrillic letters (to lower case).
 char32_t FoldCase(char32_t c);
 // The base letter of a precomposed Latin letter (é -> e); other code points are returned as is.
