@@ -45,6 +45,15 @@ typedef IProviderAdmin* LPPROVIDERADMIN;
 
 // IProfAdmin::CreateProfile and friends.
 #define MAPI_DEFAULT_SERVICES 0x00000001
+// Longest profile name, in characters, without the terminator.
+#define cchProfileNameMax 64
+#define cchProfilePassMax 64
+
+// OpenProfileSection: open sections that belong to service providers too.
+#define MAPI_FORCE_ACCESS 0x00080000
+
+// The UID of a profile's global section (profile name, identity, services).
+#define pbGlobalProfileSectionGuid "\x13\xDB\xB0\xC8\xAA\x05\x10\x1A\x9B\xB0\x00\xAA\x00\x2F\xC4\x5A"
 
 // IMsgServiceAdmin::CreateMsgService / ConfigureMsgService, and ServiceEntry's ulFlags.
 #define SERVICE_UI_ALWAYS 0x00000002
