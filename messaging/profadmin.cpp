@@ -12,6 +12,7 @@
 #include "mapix.h"
 #include "profile.h"
 #include "serviceadmin.h"
+#include "comobject.h"
 
 namespace adm {
 namespace {
@@ -34,25 +35,8 @@ void RemoveAllServices(const char* name) {
   for (const auto& s : services) RemoveMsgService(profile, s.uid, nullptr);
 }
 
-class ProfAdmin final : public IProfAdmin {
+class ProfAdmin final : public ComObject<IProfAdmin, IID_IProfAdmin> {
  public:
-  STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
-    if (!ppv) return MAPI_E_INVALID_PARAMETER;
-    if (riid == IID_IUnknown || riid == IID_IProfAdmin) {
-      *ppv = static_cast<IProfAdmin*>(this);
-      AddRef();
-      return S_OK;
-    }
-    *ppv = nullptr;
-    return MAPI_E_INTERFACE_NOT_SUPPORTED;
-  }
-  STDMETHODIMP_(ULONG) AddRef() override { return ++m_cRef; }
-  STDMETHODIMP_(ULONG) Release() override {
-    ULONG n = --m_cRef;
-    if (n == 0) delete this;
-    return n;
-  }
-
   MAPIMETHOD(GetLastError)(HRESULT hResult, ULONG ulFlags, LPMAPIERROR* lppMAPIError) override {
     std::string text;
     {
@@ -164,7 +148,6 @@ class ProfAdmin final : public IProfAdmin {
     return FAILED(hr) ? Fail(hr, "The profile " + from + " could not be " + (rename ? "renamed" : "copied")) : hr;
   }
 
-  std::atomic<ULONG> m_cRef{1};
   std::mutex m_lock;  // guards m_text
   std::string m_text;
 };

@@ -10,33 +10,17 @@
 #include "mapicode.h"
 #include "mapiguid.h"
 #include "mapiutil.h"
+#include "comobject.h"
 
 namespace adm {
 namespace {
 
 constexpr const char* kComponent = "Profile section";
 
-class ProfSect final : public IProfSect {
+class ProfSect final : public ComObject<IProfSect, IID_IMAPIProp, IID_IProfSect> {
  public:
   ProfSect(std::shared_ptr<Profile> profile, const MAPIUID& uid, bool writable, PropSet contents)
       : m_profile(std::move(profile)), m_uid(uid), m_writable(writable), m_props(std::move(contents)) {}
-
-  STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
-    if (!ppv) return MAPI_E_INVALID_PARAMETER;
-    if (riid == IID_IUnknown || riid == IID_IMAPIProp || riid == IID_IProfSect) {
-      *ppv = static_cast<IProfSect*>(this);
-      AddRef();
-      return S_OK;
-    }
-    *ppv = nullptr;
-    return MAPI_E_INTERFACE_NOT_SUPPORTED;
-  }
-  STDMETHODIMP_(ULONG) AddRef() override { return ++m_cRef; }
-  STDMETHODIMP_(ULONG) Release() override {
-    ULONG n = --m_cRef;
-    if (n == 0) delete this;
-    return n;
-  }
 
   MAPIMETHOD(GetLastError)(HRESULT hResult, ULONG ulFlags, LPMAPIERROR* lppMAPIError) override;
   MAPIMETHOD(SaveChanges)(ULONG ulFlags) override;
@@ -76,7 +60,6 @@ class ProfSect final : public IProfSect {
   }
   HRESULT ProblemsOut(const std::vector<SPropProblem>& problems, LPSPropProblemArray* lppProblems);
 
-  std::atomic<ULONG> m_cRef{1};
   const std::shared_ptr<Profile> m_profile;
   const MAPIUID m_uid;
   std::mutex m_lock;  // guards what follows; taken before the store lock

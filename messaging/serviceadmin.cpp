@@ -14,6 +14,7 @@
 #include "mapisvc.h"
 #include "mapitags.h"
 #include "servicesupport.h"
+#include "comobject.h"
 
 namespace adm {
 namespace {
@@ -205,27 +206,10 @@ class LastError {
 
 // ---------------------------------------------------------------------------------------------
 
-class ProviderAdmin final : public IProviderAdmin {
+class ProviderAdmin final : public ComObject<IProviderAdmin, IID_IProviderAdmin> {
  public:
   ProviderAdmin(std::shared_ptr<Profile> profile, const MAPIUID& serviceUid, bool fromEntryPoint)
       : m_profile(std::move(profile)), m_serviceUid(serviceUid), m_fromEntryPoint(fromEntryPoint) {}
-
-  STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
-    if (!ppv) return MAPI_E_INVALID_PARAMETER;
-    if (riid == IID_IUnknown || riid == IID_IProviderAdmin) {
-      *ppv = static_cast<IProviderAdmin*>(this);
-      AddRef();
-      return S_OK;
-    }
-    *ppv = nullptr;
-    return MAPI_E_INTERFACE_NOT_SUPPORTED;
-  }
-  STDMETHODIMP_(ULONG) AddRef() override { return ++m_cRef; }
-  STDMETHODIMP_(ULONG) Release() override {
-    ULONG n = --m_cRef;
-    if (n == 0) delete this;
-    return n;
-  }
 
   MAPIMETHOD(GetLastError)(HRESULT hResult, ULONG ulFlags, LPMAPIERROR* lppMAPIError) override {
     return m_error.Get(hResult, ulFlags, "Provider administration", lppMAPIError);
@@ -258,7 +242,6 @@ class ProviderAdmin final : public IProviderAdmin {
  private:
   ~ProviderAdmin() = default;
 
-  std::atomic<ULONG> m_cRef{1};
   const std::shared_ptr<Profile> m_profile;
   const MAPIUID m_serviceUid;
   const bool m_fromEntryPoint;
@@ -312,26 +295,9 @@ MAPIMETHODIMP ProviderAdmin::DeleteProvider(LPMAPIUID lpUID) {
 
 // ---------------------------------------------------------------------------------------------
 
-class MsgServiceAdmin final : public IMsgServiceAdmin {
+class MsgServiceAdmin final : public ComObject<IMsgServiceAdmin, IID_IMsgServiceAdmin> {
  public:
   explicit MsgServiceAdmin(std::shared_ptr<Profile> profile) : m_profile(std::move(profile)) {}
-
-  STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
-    if (!ppv) return MAPI_E_INVALID_PARAMETER;
-    if (riid == IID_IUnknown || riid == IID_IMsgServiceAdmin) {
-      *ppv = static_cast<IMsgServiceAdmin*>(this);
-      AddRef();
-      return S_OK;
-    }
-    *ppv = nullptr;
-    return MAPI_E_INTERFACE_NOT_SUPPORTED;
-  }
-  STDMETHODIMP_(ULONG) AddRef() override { return ++m_cRef; }
-  STDMETHODIMP_(ULONG) Release() override {
-    ULONG n = --m_cRef;
-    if (n == 0) delete this;
-    return n;
-  }
 
   MAPIMETHOD(GetLastError)(HRESULT hResult, ULONG ulFlags, LPMAPIERROR* lppMAPIError) override {
     return m_error.Get(hResult, ulFlags, "Message service administration", lppMAPIError);
@@ -413,7 +379,6 @@ class MsgServiceAdmin final : public IMsgServiceAdmin {
  private:
   ~MsgServiceAdmin() = default;
 
-  std::atomic<ULONG> m_cRef{1};
   const std::shared_ptr<Profile> m_profile;
   LastError m_error;
 };

@@ -8,31 +8,15 @@
 #include "mapicode.h"
 #include "mapiguid.h"
 #include "mapix.h"
+#include "comobject.h"
 
 namespace adm {
 namespace {
 
-class ServiceSupport final : public IMAPISupport {
+class ServiceSupport final : public ComObject<IMAPISupport, IID_IMAPISup> {
  public:
   ServiceSupport(std::shared_ptr<Profile> profile, const MAPIUID& serviceUid)
       : m_profile(std::move(profile)), m_serviceUid(serviceUid) {}
-
-  STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
-    if (!ppv) return MAPI_E_INVALID_PARAMETER;
-    if (riid == IID_IUnknown || riid == IID_IMAPISup) {
-      *ppv = static_cast<IMAPISupport*>(this);
-      AddRef();
-      return S_OK;
-    }
-    *ppv = nullptr;
-    return MAPI_E_INTERFACE_NOT_SUPPORTED;
-  }
-  STDMETHODIMP_(ULONG) AddRef() override { return ++m_cRef; }
-  STDMETHODIMP_(ULONG) Release() override {
-    ULONG n = --m_cRef;
-    if (n == 0) delete this;
-    return n;
-  }
 
   MAPIMETHOD(GetLastError)(HRESULT hResult, ULONG ulFlags, LPMAPIERROR* lppMAPIError) override {
     std::string text;
@@ -174,7 +158,6 @@ class ServiceSupport final : public IMAPISupport {
     return NoSupport(method);
   }
 
-  std::atomic<ULONG> m_cRef{1};
   const std::shared_ptr<Profile> m_profile;
   const MAPIUID m_serviceUid;
   std::mutex m_lock;  // guards m_lastText
