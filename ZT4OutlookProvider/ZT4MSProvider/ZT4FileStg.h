@@ -1,0 +1,211 @@
+// The back end: the storage interface under every MAPI object of the store (CBackEnd), the
+// private entry ID those objects are known by, and its one implementation over the record file
+// (CFileBackEnd).
+#pragma once
+#include <windows.h>
+#include <objbase.h>
+#include <mapidefs.h>
+#include <mapiutil.h>
+
+#include <cstddef>
+
+#include "ZT4DBFile.h"
+#include "ZT4PropList.h"
+
+// ---------------------------------------------------------------------------------------------
+// Private entry ID: the ENTRYID of every object of the store. Stored in property lists and
+// compared bytewise, so its layout is fixed.
+
+constexpr ULONG CB_UNIQUE_ID = 104;
+constexpr BYTE PRIVATE_EID_VERSION = 1;
+
+struct PRIVATE_EID {
+  BYTE abFlags[4];        // MAPI entry ID flags, 0
+  MAPIUID guidStore;      // the store's UID, as in the file header
+  BYTE bVersion;          // PRIVATE_EID_VERSION
+  BYTE bObjType;          // MAPI_FOLDER, MAPI_MESSAGE, MAPI_ATTACH ...
+  BYTE abPadding[2];
+  DWORD dwObjID;          // record ID in the store file
+  CHAR szUniqueId[CB_UNIQUE_ID];  // an archived message's ID, NUL-terminated; else zeros
+};
+typedef PRIVATE_EID* LPPRIVATE_EID;
+
+constexpr ULONG CB_PRIVATE_EID = 132;
+static_assert(sizeof(MAPIUID) == 16);
+static_assert(sizeof(PRIVATE_EID) == CB_PRIVATE_EID);
+static_assert(offsetof(PRIVATE_EID, abFlags) == 0);
+static_assert(offsetof(PRIVATE_EID, guidStore) == 4);
+static_assert(offsetof(PRIVATE_EID, bVersion) == 20);
+static_assert(offsetof(PRIVATE_EID, bObjType) == 21);
+static_assert(offsetof(PRIVATE_EID, abPadding) == 22);
+static_assert(offsetof(PRIVATE_EID, dwObjID) == 24);
+static_assert(offsetof(PRIVATE_EID, szUniqueId) == 28);
+
+// Records with fixed IDs.
+constexpr DWORD IPM_ROOT_RECORD = 3;                      // the store's IPM root folder
+constexpr DWORD RECEIVE_FOLDER_SETTINGS = 0xFFFFFFFE;     // receive-folder table, field 0
+constexpr DWORD NAMED_PROPERTIES_RECORD = 0xFFFFFFFC;     // named property map, field 0
+
+// A receive-folder class name is read into a buffer of this size, terminator included.
+constexpr ULONG RFS_CLASS_BUFFER = 256;
+// Class lengths from here on are a consistency failure of the stream.
+constexpr ULONG RFS_CLASS_ASSERT_LIMIT = 512;
+
+// Recipients are read from the table in batches of this many rows.
+constexpr ULONG RECIP_BATCH_ROWS = 15;
+
+// The columns of the receive-folder table, in this order.
+enum { RFS_INSTANCE_KEY = 0, RFS_ENTRYID, RFS_RECORD_KEY, RFS_MESSAGE_CLASS, RFS_COLUMNS };
+
+class CDedupCache;
+class CMemoryDataBase;
+class CMAPISupport;
+struct DELETE_OBJECTS_DATA;
+
+// ---------------------------------------------------------------------------------------------
+// The storage interface. Entry IDs travel by value: every slot gets its own 132-byte copy.
+class CBackEnd {
+ public:
+  explicit CBackEnd(const MAPIUID* pGuid);
+  CBackEnd(const CBackEnd&) = delete;
+  CBackEnd& operator=(const CBackEnd&) = delete;
+
+  virtual ULONG AddRef() = 0;
+  virtual ULONG Release() = 0;
+  virtual HRESULT Flush() = 0;
+  virtual HRESULT CreateObject(PRIVATE_EID ParentEID, LPPRIVATE_EID pNewEID, CPropList** ppList, ULONG ulObjType,
+                               LPCSTR pszName, LPCSTR pszComment, LPUNKNOWN pUnknown) = 0;
+  virtual HRESULT OpenObject(PRIVATE_EID EID, CPropList** ppList) = 0;
+  virtual HRESULT SaveObject(PRIVATE_EID ParentEID, PRIVATE_EID ObjectEID, CPropList* pList,
+                             COpenPropList* pOpenPropList, LPTABLEDATA pTable) = 0;
+  virtual HRESULT SaveObject(PRIVATE_EID EID, CPropList* pList) = 0;
+  virtual HRESULT GetCachedObject(PRIVATE_EID EID, LPCSTR pszFolderName, LPCSTR pszUniqueId, CPropList** ppList) = 0;
+  virtual HRESULT RemoveCachedObject(LPCSTR pszObjectID) = 0;
+  virtual HRESULT OpenPropertyInMemory(ULONG cbMaxSize, LPVOID pMemBlock, LPSPropValue pProp) = 0;
+  virtual HRESULT OpenProperty(LPSPropValue pspvProp, LPUNKNOWN* ppUnk) = 0;
+  virtual HRESULT CopyObjects(PRIVATE_EID SrcEID, PRIVATE_EID DstEID, ULONG ulFlags, LPENTRYLIST pEntryList) = 0;
+  virtual HRESULT DeleteOneObject(LPPRIVATE_EID lpId, PRIVATE_EID ParentEID) = 0;
+  virtual HRESULT DeleteObjects(PRIVATE_EID ParentEID, ULONG ulFlags, DWORD dwObjID, DELETE_OBJECTS_DATA* pData) = 0;
+  virtual HRESULT DeleteMessages(PRIVATE_EID FolderEID, LPENTRYLIST pMsgList) = 0;
+  virtual HRESULT UpdateContentCount(PRIVATE_EID ContainerEID, PRIVATE_EID ObjectEID, BOOL fAssociated,
+                                     BOOL fUnread) = 0;
+  virtual HRESULT GetTable(ULONG ulType, PRIVATE_EID ContainerEID, LONG lAccess, LPVOID pStoreEID, LPVOID pvFlag,
+                           LPTABLEDATA* ppTable, LONG lActualCount = 0, LONG nCount = 0,
+                           BOOL bInitialSyncCompleted = FALSE, LPENTRYLIST lpEntryList = NULL,
+                           LPVOID pSearchCondition = NULL, BOOL fForce = FALSE) = 0;
+  virtual HRESULT GetTableProps(ULONG ulType, LPSPropTagArray* ppColumns) = 0;
+  virtual HRESULT BuildSortDescription(ULONG ulPropTag, ULONG ulOrder, LPSTR pszDescription, ULONG cchDescription) = 0;
+  virtual HRESULT SetObjNameInContainer(LPCSTR pszName, PRIVATE_EID ParentEID, PRIVATE_EID ObjectEID) = 0;
+  virtual HRESULT SetRFSEntryID(LPCSTR szMessageClass, PRIVATE_EID eid, LPTABLEDATA pTable) = 0;
+  virtual HRESULT GetRFSEntryID(LPCSTR szMessageClass, LPPRIVATE_EID peid) = 0;
+  virtual HRESULT GetNamedPropertiesStream(LPSTREAM* ppStream) = 0;
+  virtual HRESULT SetDataBaseStrings(LPCSTR szName, LPCSTR szComment) = 0;
+  virtual HRESULT GetContentCount(PRIVATE_EID FolderEID, LPENTRYLIST lpEntryList, LPVOID pSearchCondition,
+                                  BOOL bConversation, LONG* plCount) = 0;
+  virtual HRESULT FindRow(PRIVATE_EID FolderEID, LPENTRYLIST lpEntryList, LPVOID pSearchCondition,
+                          LPCSTR pszInstanceKey, LONG* plRow) = 0;
+  virtual HRESULT ClearMessageCache(PRIVATE_EID FolderEID) = 0;
+  virtual HRESULT LoadCachedMessage(LPUNKNOWN pMessage, LPCSTR pszFolderName, PRIVATE_EID ParentEID,
+                                    PRIVATE_EID ObjectEID, CPropList** ppList) = 0;
+  virtual HRESULT GetSearchCondition(LPVOID ppCondition, LPSRestriction lpRestriction) = 0;
+
+  // TRUE for an entry ID of this store: its UID, version 1 and an object type from 3 to 8.
+  BOOL IsValidEntryID(const PRIVATE_EID* pEID) const;
+  const MAPIUID& GetStoreGuid() const { return m_guidStore; }
+
+ protected:
+  virtual ~CBackEnd();
+
+  MAPIUID m_guidStore;
+  // Taken by every public storage operation. Lock order: back-end critical section, then the
+  // CDataBase lock.
+  CRITICAL_SECTION m_cs;
+};
+
+// ---------------------------------------------------------------------------------------------
+// The back end over a CDataBase.
+class CFileBackEnd final : public CBackEnd {
+ public:
+  // Takes its own reference on pDB; pSupObj is kept, not referenced.
+  CFileBackEnd(CDataBase* pDB, const MAPIUID* pUID, CMAPISupport* pSupObj);
+
+  ULONG AddRef() override;
+  ULONG Release() override;
+  HRESULT Flush() override;
+  HRESULT CreateObject(PRIVATE_EID ParentEID, LPPRIVATE_EID pNewEID, CPropList** ppList, ULONG ulObjType,
+                       LPCSTR pszName, LPCSTR pszComment, LPUNKNOWN pUnknown) override;
+  HRESULT OpenObject(PRIVATE_EID EID, CPropList** ppList) override;
+  HRESULT SaveObject(PRIVATE_EID ParentEID, PRIVATE_EID ObjectEID, CPropList* pList, COpenPropList* pOpenPropList,
+                     LPTABLEDATA pTable) override;
+  HRESULT SaveObject(PRIVATE_EID EID, CPropList* pList) override;
+  HRESULT GetCachedObject(PRIVATE_EID EID, LPCSTR pszFolderName, LPCSTR pszUniqueId, CPropList** ppList) override;
+  HRESULT RemoveCachedObject(LPCSTR pszObjectID) override;
+  HRESULT OpenPropertyInMemory(ULONG cbMaxSize, LPVOID pMemBlock, LPSPropValue pProp) override;
+  HRESULT OpenProperty(LPSPropValue pspvProp, LPUNKNOWN* ppUnk) override;
+  HRESULT CopyObjects(PRIVATE_EID SrcEID, PRIVATE_EID DstEID, ULONG ulFlags, LPENTRYLIST pEntryList) override;
+  HRESULT DeleteOneObject(LPPRIVATE_EID lpId, PRIVATE_EID ParentEID) override;
+  HRESULT DeleteObjects(PRIVATE_EID ParentEID, ULONG ulFlags, DWORD dwObjID, DELETE_OBJECTS_DATA* pData) override;
+  HRESULT DeleteMessages(PRIVATE_EID FolderEID, LPENTRYLIST pMsgList) override;
+  HRESULT UpdateContentCount(PRIVATE_EID ContainerEID, PRIVATE_EID ObjectEID, BOOL fAssociated,
+                             BOOL fUnread) override;
+  HRESULT GetTable(ULONG ulType, PRIVATE_EID ContainerEID, LONG lAccess, LPVOID pStoreEID, LPVOID pvFlag,
+                   LPTABLEDATA* ppTable, LONG lActualCount = 0, LONG nCount = 0, BOOL bInitialSyncCompleted = FALSE,
+                   LPENTRYLIST lpEntryList = NULL, LPVOID pSearchCondition = NULL, BOOL fForce = FALSE) override;
+  HRESULT GetTableProps(ULONG ulType, LPSPropTagArray* ppColumns) override;
+  HRESULT BuildSortDescription(ULONG ulPropTag, ULONG ulOrder, LPSTR pszDescription, ULONG cchDescription) override;
+  HRESULT SetObjNameInContainer(LPCSTR pszName, PRIVATE_EID ParentEID, PRIVATE_EID ObjectEID) override;
+  HRESULT SetRFSEntryID(LPCSTR szMessageClass, PRIVATE_EID eid, LPTABLEDATA pTable) override;
+  HRESULT GetRFSEntryID(LPCSTR szMessageClass, LPPRIVATE_EID peid) override;
+  HRESULT GetNamedPropertiesStream(LPSTREAM* ppStream) override;
+  HRESULT SetDataBaseStrings(LPCSTR szName, LPCSTR szComment) override;
+  HRESULT GetContentCount(PRIVATE_EID FolderEID, LPENTRYLIST lpEntryList, LPVOID pSearchCondition,
+                          BOOL bConversation, LONG* plCount) override;
+  HRESULT FindRow(PRIVATE_EID FolderEID, LPENTRYLIST lpEntryList, LPVOID pSearchCondition, LPCSTR pszInstanceKey,
+                  LONG* plRow) override;
+  HRESULT ClearMessageCache(PRIVATE_EID FolderEID) override;
+  HRESULT LoadCachedMessage(LPUNKNOWN pMessage, LPCSTR pszFolderName, PRIVATE_EID ParentEID, PRIVATE_EID ObjectEID,
+                            CPropList** ppList) override;
+  HRESULT GetSearchCondition(LPVOID ppCondition, LPSRestriction lpRestriction) override;
+
+  // OpenProperty's *ppUnk is the object the property object made: a memory stream for a stream
+  // stub, the CStorage of CreatePrivateIStorage for a storage stub.
+
+  // Opens a field of a record. A missing field is made when fCreate is set, and with fPrime it
+  // starts as a 32-bit zero, so a new field reads as an empty count. MAPI_E_NOT_FOUND is quiet.
+  HRESULT GetStream(DWORD dwRecordID, RECFLD rfStream, LPSTREAM* ppStream, BOOL fCreate = TRUE, BOOL fPrime = TRUE);
+  // Writes the properties a client holds open to records of their own and puts their stubs in
+  // pList.
+  HRESULT SaveLargeProps(COpenPropList* pOpenPropList, CPropList* pList);
+  // Stores the rows of pTable as the recipient records of message dwObjID.
+  HRESULT SaveRecipTable(DWORD dwObjID, LPTABLEDATA pTable);
+  // A new list read from the stream's position; *ppList is NULL on failure.
+  HRESULT LoadProperties(LPSTREAM pStream, CPropList** ppList);
+  // Adds to *pulSize the sizes of the object's large properties and, for a message, those of
+  // its attachments' large properties.
+  HRESULT CalculateSize(PRIVATE_EID ObjectEID, CPropList* pList, ULONG* pulSize);
+  // Enters (or, with fRemove, drops in memory only) an attachment in its message's list.
+  HRESULT UpdateAttachmentsCount(PRIVATE_EID MessageEID, PRIVATE_EID AttachEID, BOOL fRemove);
+  // Fills the receive-folder table: the store's default row, then the stored entries.
+  HRESULT GetRFSTableData(LPTABLEDATA pTable);
+
+  CDataBase* GetDataBase() const { return m_pDBobj; }
+  CMAPISupport* GetSupportObject() const { return m_pSupObj; }
+
+ private:
+  ~CFileBackEnd() override;
+
+  HRESULT SaveSizeProperty(PRIVATE_EID ObjectEID, CPropList* pList, LPSTREAM pStream);
+  HRESULT SaveOpenProperty(LPOPENPROPNODE pNode, CPropList* pList);
+  HRESULT ReleaseDeletedProperty(LPOPENPROPNODE pNode, CPropList* pList);
+  HRESULT AddLargeStubSizes(CPropList* pList, ULONG* pulSize);
+  HRESULT AddChildSizes(DWORD dwMessageID, RECFLD rfChildren, BYTE bChildType, ULONG* pulSize);
+  HRESULT SaveRecipRow(const SRow& row, DWORD* pdwReuseID, CIDList* pIDs);
+  HRESULT UpdateRFSTableRow(DWORD dwInstanceKey, PRIVATE_EID& eid, LPTABLEDATA pTable);
+  PRIVATE_EID MakeFolderEID(DWORD dwObjID) const;
+
+  ULONG m_cRef;  // plain count: callers keep AddRef and Release to one thread
+  CDataBase* m_pDBobj;
+  CMAPISupport* m_pSupObj;
+  CDedupCache* m_pDedupCache;        // null until the deduplication cache is built
+  CMemoryDataBase* m_pMessageCache;  // null until the in-memory object database is built
+};
