@@ -64,6 +64,7 @@ struct CNotifyEngine::Subscription {
   LPMAPIADVISESINK lpSink = nullptr;  // owned reference; NULL once released
   bool bRemoved = false;
   int cActiveCalls = 0;
+  int cWaiters = 0;  // Unsubscribe calls waiting for the running callbacks to end
 };
 
 // A Notify waiting for the delivery thread, with the sinks chosen when it was sent.
@@ -182,7 +183,11 @@ HRESULT CNotifyEngine::Unsubscribe(ULONG ulConnection) {
     m_subscriptions.erase(it);
     sub->bRemoved = true;
     int own = int(std::count(t_runningCalls.begin(), t_runningCalls.end(), sub.get()));
+    // While we wait, the ending callback leaves the release to us, so that the sink is released
+    // before Unsubscribe returns.
+    ++sub->cWaiters;
     m_callCv.wait(lock, [&] { return sub->cActiveCalls <= own; });
+    --sub->cWaiters;
     if (sub->cActiveCalls == 0) release = std::exchange(sub->lpSink, nullptr);
   }
   if (release) release->Release();
@@ -229,7 +234,8 @@ void CNotifyEngine::EndCall(const SubscriptionPtr& sub) {
   LPMAPIADVISESINK release = nullptr;
   {
     std::lock_guard<std::mutex> guard(m_lock);  // lock order: m_lock alone
-    if (--sub->cActiveCalls == 0 && sub->bRemoved) release = std::exchange(sub->lpSink, nullptr);
+    if (--sub->cActiveCalls == 0 && sub->bRemoved && sub->cWaiters == 0)
+      release = std::exchange(sub->lpSink, nullptr);
   }
   m_callCv.notify_all();
   if (release) release->Release();

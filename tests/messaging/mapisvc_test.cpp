@@ -123,7 +123,8 @@ TEST(Mapisvc, DllNamesMapToLibrariesByTheDocumentedRule) {
   // Beside the program, any case of the name, found once.
   ASSERT_EQ(adm::LoadProviderLibrary("MSGPROVIDER_MODULE.DLL", &lib), S_OK);
   EXPECT_NE(lib->ServiceEntry, nullptr);
-  EXPECT_EQ(lib->MSProviderInit, nullptr);
+  EXPECT_NE(lib->MSProviderInit, nullptr);
+  EXPECT_EQ(lib->Export("NoSuchExport"), nullptr);
   EXPECT_EQ(lib->path, adtest::BinPath("msgprovider_module.so"));
   const adm::ProviderLibrary* again = nullptr;
   ASSERT_EQ(adm::LoadProviderLibrary("msgprovider_module.dll", &again), S_OK);
