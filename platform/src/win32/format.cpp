@@ -25,7 +25,7 @@ constexpr long kMaxField = 1L << 24;
 
 enum class Length { None, HH, H, L, LL, J, Z, T, LongDouble, W, Size, I32, I64 };
 
-struct Spec {
+struct Directive {
   std::string flags;  // of "-+ #0", in the order given
   bool left = false;
   long width = -1;
@@ -75,30 +75,30 @@ Length ParseLength(const Char*& p) {
 
 // Parses the conversion after '%'; false when the format ends first.
 template <class Char>
-bool ParseSpec(const Char*& p, Spec& spec) {
+bool ParseDirective(const Char*& p, Directive& directive) {
   for (; *p && *p < 0x80 && std::strchr("-+ #0'", static_cast<int>(*p)); ++p) {
     if (*p == '\'') continue;
-    if (*p == '-') spec.left = true;
-    spec.flags.push_back(static_cast<char>(*p));
+    if (*p == '-') directive.left = true;
+    directive.flags.push_back(static_cast<char>(*p));
   }
   if (*p == '*') {
-    spec.widthStar = true;
+    directive.widthStar = true;
     ++p;
   } else {
-    if (*p >= '0' && *p <= '9') spec.width = ParseNumber(p);
+    if (*p >= '0' && *p <= '9') directive.width = ParseNumber(p);
   }
   if (*p == '.') {
     ++p;
     if (*p == '*') {
-      spec.precisionStar = true;
+      directive.precisionStar = true;
       ++p;
     } else {
-      spec.precision = ParseNumber(p);
+      directive.precision = ParseNumber(p);
     }
   }
-  spec.length = ParseLength(p);
+  directive.length = ParseLength(p);
   if (!*p) return false;
-  spec.conversion = *p < 0x80 ? static_cast<char>(*p) : '?';
+  directive.conversion = *p < 0x80 ? static_cast<char>(*p) : '?';
   ++p;
   return true;
 }
@@ -109,22 +109,22 @@ void AppendAscii(std::basic_string<Char>& out, const char* text, size_t n) {
 }
 
 template <class Char>
-void AppendPadded(std::basic_string<Char>& out, const std::basic_string<Char>& text, const Spec& spec) {
-  size_t pad = spec.width > 0 && static_cast<size_t>(spec.width) > text.size()
-                   ? static_cast<size_t>(spec.width) - text.size()
+void AppendPadded(std::basic_string<Char>& out, const std::basic_string<Char>& text, const Directive& directive) {
+  size_t pad = directive.width > 0 && static_cast<size_t>(directive.width) > text.size()
+                   ? static_cast<size_t>(directive.width) - text.size()
                    : 0;
-  if (!spec.left) out.append(pad, static_cast<Char>(' '));
+  if (!directive.left) out.append(pad, static_cast<Char>(' '));
   out += text;
-  if (spec.left) out.append(pad, static_cast<Char>(' '));
+  if (directive.left) out.append(pad, static_cast<Char>(' '));
 }
 
 // Builds "%<flags><width>.<precision><length><conversion>" for glibc.
-std::string NativeSpec(const Spec& spec, const char* length) {
-  std::string s = "%" + spec.flags;
-  if (spec.width >= 0) s += std::to_string(spec.width);
-  if (spec.precision >= 0) s += "." + std::to_string(spec.precision);
+std::string NativeSpec(const Directive& directive, const char* length) {
+  std::string s = "%" + directive.flags;
+  if (directive.width >= 0) s += std::to_string(directive.width);
+  if (directive.precision >= 0) s += "." + std::to_string(directive.precision);
   s += length;
-  s.push_back(spec.conversion);
+  s.push_back(directive.conversion);
   return s;
 }
 
@@ -173,10 +173,10 @@ unsigned long long FetchUnsigned(va_list* args, Length length) {
 }
 
 // Whether a %s or %c argument is 16-bit text, by the Microsoft rules.
-bool WideArgument(const Spec& spec, bool wideOutput) {
-  if (spec.length == Length::L || spec.length == Length::W) return true;
-  if (spec.length == Length::H) return false;
-  bool upper = spec.conversion == 'S' || spec.conversion == 'C';
+bool WideArgument(const Directive& directive, bool wideOutput) {
+  if (directive.length == Length::L || directive.length == Length::W) return true;
+  if (directive.length == Length::H) return false;
+  bool upper = directive.conversion == 'S' || directive.conversion == 'C';
   return wideOutput ? !upper : upper;
 }
 
@@ -213,21 +213,21 @@ void Convert(const char16_t* text, long precision, std::string& out) {
 }
 
 template <class Char>
-void FormatString(std::basic_string<Char>& out, const Spec& spec, va_list* args, bool wideOutput) {
+void FormatString(std::basic_string<Char>& out, const Directive& directive, va_list* args, bool wideOutput) {
   std::basic_string<Char> text;
-  if (WideArgument(spec, wideOutput)) {
+  if (WideArgument(directive, wideOutput)) {
     const char16_t* s = va_arg(*args, const char16_t*);
-    Convert(s ? s : u"(null)", spec.precision, text);
+    Convert(s ? s : u"(null)", directive.precision, text);
   } else {
     const char* s = va_arg(*args, const char*);
-    Convert(s ? s : "(null)", spec.precision, text);
+    Convert(s ? s : "(null)", directive.precision, text);
   }
-  AppendPadded(out, text, spec);
+  AppendPadded(out, text, directive);
 }
 
 template <class Char>
-void FormatChar(std::basic_string<Char>& out, const Spec& spec, va_list* args, bool wideOutput) {
-  const bool wideArg = WideArgument(spec, wideOutput);
+void FormatChar(std::basic_string<Char>& out, const Directive& directive, va_list* args, bool wideOutput) {
+  const bool wideArg = WideArgument(directive, wideOutput);
   const int value = va_arg(*args, int);
   std::basic_string<Char> text;
   char32_t cp = wideArg ? static_cast<char16_t>(value) : static_cast<unsigned char>(value);
@@ -241,67 +241,67 @@ void FormatChar(std::basic_string<Char>& out, const Spec& spec, va_list* args, b
   } else {
     text.push_back(static_cast<Char>(!wideArg && cp >= 0x80 ? kReplacement : cp));
   }
-  AppendPadded(out, text, spec);
+  AppendPadded(out, text, directive);
 }
 
 template <class Char>
-void FormatPointer(std::basic_string<Char>& out, const Spec& spec, va_list* args) {
+void FormatPointer(std::basic_string<Char>& out, const Directive& directive, va_list* args) {
   char digits[32];
   int n = std::snprintf(digits, sizeof digits, "%016llX",
                         static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(va_arg(*args, void*))));
   std::basic_string<Char> text;
   AppendAscii(text, digits, static_cast<size_t>(n));
-  AppendPadded(out, text, spec);
+  AppendPadded(out, text, directive);
 }
 
 template <class Char>
-void FormatFloat(std::basic_string<Char>& out, const Spec& spec, va_list* args) {
-  if (spec.length == Length::LongDouble)
-    AppendNative(out, NativeSpec(spec, "L"), va_arg(*args, long double));
+void FormatFloat(std::basic_string<Char>& out, const Directive& directive, va_list* args) {
+  if (directive.length == Length::LongDouble)
+    AppendNative(out, NativeSpec(directive, "L"), va_arg(*args, long double));
   else
-    AppendNative(out, NativeSpec(spec, ""), va_arg(*args, double));
+    AppendNative(out, NativeSpec(directive, ""), va_arg(*args, double));
 }
 
 template <class Char>
-void FormatInteger(std::basic_string<Char>& out, const Spec& spec, va_list* args) {
-  if (spec.conversion == 'd' || spec.conversion == 'i')
-    AppendNative(out, NativeSpec(spec, "ll"), FetchSigned(args, spec.length));
+void FormatInteger(std::basic_string<Char>& out, const Directive& directive, va_list* args) {
+  if (directive.conversion == 'd' || directive.conversion == 'i')
+    AppendNative(out, NativeSpec(directive, "ll"), FetchSigned(args, directive.length));
   else
-    AppendNative(out, NativeSpec(spec, "ll"), FetchUnsigned(args, spec.length));
+    AppendNative(out, NativeSpec(directive, "ll"), FetchUnsigned(args, directive.length));
 }
 
 // One conversion; false when it must fail the whole call.
 template <class Char>
-bool FormatOne(std::basic_string<Char>& out, Spec& spec, va_list* args, bool wideOutput) {
-  if (spec.widthStar) {
+bool FormatOne(std::basic_string<Char>& out, Directive& directive, va_list* args, bool wideOutput) {
+  if (directive.widthStar) {
     long w = va_arg(*args, int);
     if (w < 0) {
-      spec.left = true;
-      spec.flags.push_back('-');
+      directive.left = true;
+      directive.flags.push_back('-');
       w = -w;
     }
-    spec.width = w;
+    directive.width = w;
   }
-  if (spec.precisionStar) {
+  if (directive.precisionStar) {
     int p = va_arg(*args, int);
-    spec.precision = p < 0 ? -1 : p;
+    directive.precision = p < 0 ? -1 : p;
   }
-  if (spec.width > kMaxField || spec.precision > kMaxField) return false;
-  switch (spec.conversion) {
+  if (directive.width > kMaxField || directive.precision > kMaxField) return false;
+  switch (directive.conversion) {
     case 'd': case 'i': case 'u': case 'o': case 'x': case 'X':
-      FormatInteger(out, spec, args);
+      FormatInteger(out, directive, args);
       return true;
     case 'e': case 'E': case 'f': case 'F': case 'g': case 'G': case 'a': case 'A':
-      FormatFloat(out, spec, args);
+      FormatFloat(out, directive, args);
       return true;
     case 's': case 'S':
-      FormatString(out, spec, args, wideOutput);
+      FormatString(out, directive, args, wideOutput);
       return true;
     case 'c': case 'C':
-      FormatChar(out, spec, args, wideOutput);
+      FormatChar(out, directive, args, wideOutput);
       return true;
     case 'p':
-      FormatPointer(out, spec, args);
+      FormatPointer(out, directive, args);
       return true;
     case 'n':
       return false;
@@ -329,12 +329,12 @@ bool FormatAll(std::basic_string<Char>& out, const Char* format, va_list args) {
       out.push_back(*p++);
       continue;
     }
-    Spec spec;
-    if (!ParseSpec(p, spec) || !KnownConversion(spec.conversion)) {
+    Directive directive;
+    if (!ParseDirective(p, directive) || !KnownConversion(directive.conversion)) {
       out.append(start, p);
       continue;
     }
-    ok = FormatOne(out, spec, &ap, sizeof(Char) != 1);
+    ok = FormatOne(out, directive, &ap, sizeof(Char) != 1);
   }
   va_end(ap);
   return ok;
