@@ -16,6 +16,7 @@
 #include "profile.h"
 #include "propcopy.h"
 #include "propfile.h"
+#include "comobject.h"
 
 #ifndef DT_MAILUSER
 #define DT_MAILUSER ((ULONG)0x00000000)
@@ -117,7 +118,7 @@ std::vector<BYTE> IdentityBytes(const ProfileIdentity& identity) {
 
 // ---- The mail user ------------------------------------------------------------------------------
 
-class CMailUser final : public IMailUser {
+class CMailUser final : public ComObject<IMailUser, IID_IMAPIProp, IID_IMailUser> {
  public:
   explicit CMailUser(const ProfileIdentity& identity) {
     std::vector<BYTE> eid = IdentityBytes(identity);
@@ -137,22 +138,6 @@ class CMailUser final : public IMailUser {
                 {PR_SMTP_ADDRESS_A, identity.smtp}};
   }
 
-  STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
-    if (!ppv) return MAPI_E_INVALID_PARAMETER;
-    if (riid == IID_IUnknown || riid == IID_IMAPIProp || riid == IID_IMailUser) {
-      *ppv = static_cast<IMailUser*>(this);
-      AddRef();
-      return S_OK;
-    }
-    *ppv = nullptr;
-    return MAPI_E_INTERFACE_NOT_SUPPORTED;
-  }
-  STDMETHODIMP_(ULONG) AddRef() override { return ++m_cRef; }
-  STDMETHODIMP_(ULONG) Release() override {
-    ULONG n = --m_cRef;
-    if (n == 0) delete this;
-    return n;
-  }
   MAPIMETHOD(GetLastError)(HRESULT hResult, ULONG ulFlags, LPMAPIERROR* lppMAPIError) override {
     return BuildMapiError(ulFlags, hResult == S_OK ? "No error" : "The mail user is read-only", "Address book",
                           lppMAPIError);
@@ -218,7 +203,6 @@ class CMailUser final : public IMailUser {
 
  private:
   ~CMailUser() = default;
-  std::atomic<ULONG> m_cRef{1};
   std::vector<Value> m_values;
 };
 
@@ -274,26 +258,9 @@ HRESULT ResolveEntry(ADRENTRY& entry, const ProfileIdentity& who, ULONG ulFlags)
 
 // ---- The address book ---------------------------------------------------------------------------
 
-class CAddrBook final : public IAddrBook {
+class CAddrBook final : public ComObject<IAddrBook, IID_IMAPIProp, IID_IAddrBook> {
  public:
   explicit CAddrBook(std::shared_ptr<Profile> profile) : m_profile(std::move(profile)) {}
-
-  STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
-    if (!ppv) return MAPI_E_INVALID_PARAMETER;
-    if (riid == IID_IUnknown || riid == IID_IMAPIProp || riid == IID_IAddrBook) {
-      *ppv = static_cast<IAddrBook*>(this);
-      AddRef();
-      return S_OK;
-    }
-    *ppv = nullptr;
-    return MAPI_E_INTERFACE_NOT_SUPPORTED;
-  }
-  STDMETHODIMP_(ULONG) AddRef() override { return ++m_cRef; }
-  STDMETHODIMP_(ULONG) Release() override {
-    ULONG n = --m_cRef;
-    if (n == 0) delete this;
-    return n;
-  }
 
   // IMAPIProp: the address book object itself has no properties.
   MAPIMETHOD(GetLastError)(HRESULT hResult, ULONG ulFlags, LPMAPIERROR* lppMAPIError) override {
@@ -446,7 +413,6 @@ class CAddrBook final : public IAddrBook {
     return hr;
   }
 
-  std::atomic<ULONG> m_cRef{1};
   const std::shared_ptr<Profile> m_profile;
   std::mutex m_lock;  // guards what follows
   std::string m_lastText;

@@ -16,6 +16,7 @@
 #include "notify.h"
 #include "propcopy.h"
 #include "statustable.h"
+#include "comobject.h"
 
 #ifndef MAPI_NON_READ
 #define MAPI_NON_READ ((ULONG)0x00000001)
@@ -32,25 +33,9 @@ namespace {
 
 // ---- Progress -----------------------------------------------------------------------------------
 
-class CProgress final : public IMAPIProgress {
+class CProgress final : public ComObject<IMAPIProgress, IID_IMAPIProgress> {
  public:
   explicit CProgress(ULONG ulFlags) : m_flags(ulFlags) {}
-  STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
-    if (!ppv) return MAPI_E_INVALID_PARAMETER;
-    if (riid == IID_IUnknown || riid == IID_IMAPIProgress) {
-      *ppv = static_cast<IMAPIProgress*>(this);
-      AddRef();
-      return S_OK;
-    }
-    *ppv = nullptr;
-    return MAPI_E_INTERFACE_NOT_SUPPORTED;
-  }
-  STDMETHODIMP_(ULONG) AddRef() override { return ++m_cRef; }
-  STDMETHODIMP_(ULONG) Release() override {
-    ULONG n = --m_cRef;
-    if (n == 0) delete this;
-    return n;
-  }
   MAPIMETHOD(Progress)(ULONG ulValue, ULONG ulCount, ULONG ulTotal) override {
     ReportProgress(ulValue, ulCount, ulTotal);
     return S_OK;
@@ -73,7 +58,6 @@ class CProgress final : public IMAPIProgress {
     *out = value;
     return S_OK;
   }
-  std::atomic<ULONG> m_cRef{1};
   std::atomic<ULONG> m_flags;
   std::atomic<ULONG> m_min{1};
   std::atomic<ULONG> m_max{1000};
@@ -154,26 +138,9 @@ HRESULT RowsToAdrList(const SRowSet& rows, LPADRLIST* out) {
 
 // ---- The support object -------------------------------------------------------------------------
 
-class LogonSupport final : public IMAPISupport {
+class LogonSupport final : public ComObject<IMAPISupport, IID_IMAPISup> {
  public:
   explicit LogonSupport(LogonContext context) : m_ctx(std::move(context)) {}
-
-  STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
-    if (!ppv) return MAPI_E_INVALID_PARAMETER;
-    if (riid == IID_IUnknown || riid == IID_IMAPISup) {
-      *ppv = static_cast<IMAPISupport*>(this);
-      AddRef();
-      return S_OK;
-    }
-    *ppv = nullptr;
-    return MAPI_E_INTERFACE_NOT_SUPPORTED;
-  }
-  STDMETHODIMP_(ULONG) AddRef() override { return ++m_cRef; }
-  STDMETHODIMP_(ULONG) Release() override {
-    ULONG n = --m_cRef;
-    if (n == 0) delete this;
-    return n;
-  }
 
   MAPIMETHOD(GetLastError)(HRESULT hResult, ULONG ulFlags, LPMAPIERROR* lppMAPIError) override {
     std::string text;
@@ -424,7 +391,6 @@ class LogonSupport final : public IMAPISupport {
     return m_ctx.state->store;
   }
 
-  std::atomic<ULONG> m_cRef{1};
   const LogonContext m_ctx;
   std::mutex m_lock;  // guards m_lastText and m_connections
   std::string m_lastText;
