@@ -16,7 +16,7 @@
 #include "notify.h"
 #include "propcopy.h"
 #include "statustable.h"
-#include "comobject.h"
+#include "supportbase.h"
 
 #ifndef MAPI_NON_READ
 #define MAPI_NON_READ ((ULONG)0x00000001)
@@ -138,26 +138,11 @@ HRESULT RowsToAdrList(const SRowSet& rows, LPADRLIST* out) {
 
 // ---- The support object -------------------------------------------------------------------------
 
-class LogonSupport final : public ComObject<IMAPISupport, IID_IMAPISup> {
+class LogonSupport final : public CSupportBase {
  public:
-  explicit LogonSupport(LogonContext context) : m_ctx(std::move(context)) {}
+  explicit LogonSupport(LogonContext context)
+      : CSupportBase("MAPI support", " is not offered to a message store"), m_ctx(std::move(context)) {}
 
-  MAPIMETHOD(GetLastError)(HRESULT hResult, ULONG ulFlags, LPMAPIERROR* lppMAPIError) override {
-    std::string text;
-    {
-      std::lock_guard<std::mutex> guard(m_lock);  // lock order: support lock (leaf)
-      text = hResult == S_OK ? "No error" : m_lastText.empty() ? "The support call failed" : m_lastText;
-    }
-    return BuildMapiError(ulFlags, text, "MAPI support", lppMAPIError);
-  }
-  MAPIMETHOD(GetMemAllocRoutines)(LPALLOCATEBUFFER* lpAllocateBuffer, LPALLOCATEMORE* lpAllocateMore,
-                                  LPFREEBUFFER* lpFreeBuffer) override {
-    if (!lpAllocateBuffer || !lpAllocateMore || !lpFreeBuffer) return MAPI_E_INVALID_PARAMETER;
-    *lpAllocateBuffer = MAPIAllocateBuffer;
-    *lpAllocateMore = MAPIAllocateMore;
-    *lpFreeBuffer = MAPIFreeBuffer;
-    return S_OK;
-  }
   MAPIMETHOD(Subscribe)(LPNOTIFKEY lpKey, ULONG ulEventMask, ULONG ulFlags, LPMAPIADVISESINK lpAdviseSink,
                         ULONG* lpulConnection) override {
     HRESULT hr = Engine().Subscribe(lpKey, ulEventMask, ulFlags, lpAdviseSink, lpulConnection);
@@ -167,13 +152,12 @@ class LogonSupport final : public ComObject<IMAPISupport, IID_IMAPISup> {
     return hr;
   }
   MAPIMETHOD(Unsubscribe)(ULONG ulConnection) override {
+    bool fKnown = false;
     {
       std::lock_guard<std::mutex> guard(m_lock);  // lock order: support lock (leaf)
-      if (!m_connections.erase(ulConnection)) {
-        m_lastText = "Unsubscribe: no such connection";
-        return MAPI_E_NOT_FOUND;
-      }
+      fKnown = m_connections.erase(ulConnection) != 0;
     }
+    if (!fKnown) return Failed(MAPI_E_NOT_FOUND, "Unsubscribe: no such connection");
     return Engine().Unsubscribe(ulConnection);
   }
   MAPIMETHOD(Notify)(LPNOTIFKEY lpKey, ULONG cNotification, LPNOTIFICATION lpNotifications, ULONG* lpulFlags) override {
@@ -195,19 +179,10 @@ class LogonSupport final : public ComObject<IMAPISupport, IID_IMAPISup> {
     HRESULT hr = m_ctx.profile->OpenSection(lpUid ? lpUid : &m_ctx.provider.uid, ulFlags, lppProfileObj);
     return FAILED(hr) ? Failed(hr, "OpenProfileSection failed") : hr;
   }
-  MAPIMETHOD(RegisterPreprocessor)(LPMAPIUID, LPTSTR, LPTSTR, LPSTR, LPSTR, ULONG) override {
-    return NoSupport("RegisterPreprocessor");
-  }
   MAPIMETHOD(NewUID)(LPMAPIUID lpMuid) override {
     if (!lpMuid) return MAPI_E_INVALID_PARAMETER;
     *lpMuid = NewUid();
     return S_OK;
-  }
-  MAPIMETHOD(MakeInvalid)(ULONG, LPVOID, ULONG, ULONG) override { return NoSupport("MakeInvalid"); }
-  MAPIMETHOD(SpoolerYield)(ULONG) override { return NoSupport("SpoolerYield"); }
-  MAPIMETHOD(SpoolerNotify)(ULONG, LPVOID) override { return NoSupport("SpoolerNotify"); }
-  MAPIMETHOD(CreateOneOff)(LPTSTR, LPTSTR, LPTSTR, ULONG, ULONG* lpcbEntryID, LPENTRYID* lppEntryID) override {
-    return NoEntry("CreateOneOff", lpcbEntryID, lppEntryID);
   }
   MAPIMETHOD(SetProviderUID)(LPMAPIUID lpProviderID, ULONG ulFlags) override {
     if (!lpProviderID) return MAPI_E_INVALID_PARAMETER;
@@ -219,38 +194,6 @@ class LogonSupport final : public ComObject<IMAPISupport, IID_IMAPISup> {
     }
     uids.push_back(*lpProviderID);
     return S_OK;
-  }
-  MAPIMETHOD(CompareEntryIDs)(ULONG, LPENTRYID, ULONG, LPENTRYID, ULONG, ULONG* lpulResult) override {
-    if (lpulResult) *lpulResult = 0;
-    return NoSupport("CompareEntryIDs");
-  }
-  MAPIMETHOD(OpenTemplateID)(ULONG, LPENTRYID, ULONG, LPMAPIPROP, LPCIID, LPMAPIPROP* lppMAPIPropNew,
-                             LPMAPIPROP) override {
-    if (lppMAPIPropNew) *lppMAPIPropNew = nullptr;
-    return NoSupport("OpenTemplateID");
-  }
-  MAPIMETHOD(OpenEntry)(ULONG, LPENTRYID, LPCIID, ULONG, ULONG* lpulObjType, LPUNKNOWN* lppUnk) override {
-    if (lpulObjType) *lpulObjType = 0;
-    if (lppUnk) *lppUnk = nullptr;
-    return NoSupport("OpenEntry");
-  }
-  MAPIMETHOD(GetOneOffTable)(ULONG, LPMAPITABLE* lppTable) override {
-    if (lppTable) *lppTable = nullptr;
-    return NoSupport("GetOneOffTable");
-  }
-  MAPIMETHOD(Address)(ULONG_PTR*, LPADRPARM, LPADRLIST* lppAdrList) override {
-    if (lppAdrList) *lppAdrList = nullptr;
-    return NoSupport("Address");
-  }
-  MAPIMETHOD(Details)(ULONG_PTR*, LPFNDISMISS, LPVOID, ULONG, LPENTRYID, LPFNBUTTON, LPVOID, LPTSTR, ULONG) override {
-    return NoSupport("Details");
-  }
-  MAPIMETHOD(NewEntry)(ULONG_PTR, ULONG, ULONG, LPENTRYID, ULONG, LPENTRYID, ULONG* lpcbEIDNewEntry,
-                       LPENTRYID* lppEIDNewEntry) override {
-    return NoEntry("NewEntry", lpcbEIDNewEntry, lppEIDNewEntry);
-  }
-  MAPIMETHOD(DoConfigPropsheet)(ULONG_PTR, ULONG, LPTSTR, LPMAPITABLE, LPMAPIPROP, ULONG) override {
-    return NoSupport("DoConfigPropsheet");
   }
   MAPIMETHOD(CopyMessages)(LPCIID lpSrcInterface, LPVOID lpSrcFolder, LPENTRYLIST lpMsgList, LPCIID lpDestInterface,
                            LPVOID lpDestFolder, ULONG_PTR, LPMAPIPROGRESS lpProgress, ULONG ulFlags) override {
@@ -318,7 +261,6 @@ class LogonSupport final : public ComObject<IMAPISupport, IID_IMAPISup> {
     return S_OK;
   }
   MAPIMETHOD(ExpandRecips)(LPMESSAGE lpMessage, ULONG* lpulFlags) override;
-  MAPIMETHOD(UpdatePAB)(ULONG, LPMESSAGE) override { return NoSupport("UpdatePAB"); }
   MAPIMETHOD(DoSentMail)(ULONG ulFlags, LPMESSAGE lpMessage) override;
   MAPIMETHOD(OpenAddressBook)(LPCIID lpInterface, ULONG ulFlags, LPADRBOOK* lppAdrBook) override {
     if (!lppAdrBook) return MAPI_E_INVALID_PARAMETER;
@@ -341,7 +283,6 @@ class LogonSupport final : public ComObject<IMAPISupport, IID_IMAPISup> {
     *lpulFlags = LOGOFF_COMPLETE;  // no transport is logged on for this store
     return S_OK;
   }
-  MAPIMETHOD(StatusRecips)(LPMESSAGE, LPADRLIST) override { return NoSupport("StatusRecips"); }
   MAPIMETHOD(WrapStoreEntryID)(ULONG cbOrigEntry, LPENTRYID lpOrigEntry, ULONG* lpcbWrappedEntry,
                                LPENTRYID* lppWrappedEntry) override {
     HRESULT hr = ::WrapStoreEntryID(0, const_cast<LPTSTR>(m_ctx.provider.dllName.c_str()), cbOrigEntry, lpOrigEntry,
@@ -361,10 +302,6 @@ class LogonSupport final : public ComObject<IMAPISupport, IID_IMAPISup> {
     HRESULT hr = HrIStorageFromStream(lpUnkIn, lpInterface, ulFlags, lppStorageOut);
     return FAILED(hr) ? Failed(hr, "IStorageFromStream failed") : hr;
   }
-  MAPIMETHOD(GetSvcConfigSupportObj)(ULONG, LPMAPISUP* lppSvcSupport) override {
-    if (lppSvcSupport) *lppSvcSupport = nullptr;
-    return NoSupport("GetSvcConfigSupportObj");
-  }
 
  private:
   ~LogonSupport() {
@@ -372,19 +309,6 @@ class LogonSupport final : public ComObject<IMAPISupport, IID_IMAPISup> {
     for (ULONG connection : m_connections) Engine().Unsubscribe(connection);
   }
   CNotifyEngine& Engine() { return CNotifyEngine::ForDirectory(m_ctx.runtimeDir); }
-  HRESULT Failed(HRESULT hr, const std::string& text) {
-    std::lock_guard<std::mutex> guard(m_lock);  // lock order: support lock (leaf)
-    m_lastText = text;
-    return hr;
-  }
-  HRESULT NoSupport(const char* method) {
-    return Failed(MAPI_E_NO_SUPPORT, std::string(method) + " is not offered to a message store");
-  }
-  HRESULT NoEntry(const char* method, ULONG* lpcb, LPENTRYID* lppEntryID) {
-    if (lpcb) *lpcb = 0;
-    if (lppEntryID) *lppEntryID = nullptr;
-    return NoSupport(method);
-  }
   LPMDB Store() {
     std::lock_guard<std::mutex> guard(m_ctx.state->lock);  // lock order: logon state (leaf)
     if (m_ctx.state->store) m_ctx.state->store->AddRef();
@@ -392,8 +316,6 @@ class LogonSupport final : public ComObject<IMAPISupport, IID_IMAPISup> {
   }
 
   const LogonContext m_ctx;
-  std::mutex m_lock;  // guards m_lastText and m_connections
-  std::string m_lastText;
   std::set<ULONG> m_connections;
 };
 

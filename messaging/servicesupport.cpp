@@ -8,160 +8,33 @@
 #include "mapicode.h"
 #include "mapiguid.h"
 #include "mapix.h"
-#include "comobject.h"
+#include "supportbase.h"
 
 namespace adm {
 namespace {
 
-class ServiceSupport final : public ComObject<IMAPISupport, IID_IMAPISup> {
+class ServiceSupport final : public CSupportBase {
  public:
   ServiceSupport(std::shared_ptr<Profile> profile, const MAPIUID& serviceUid)
-      : m_profile(std::move(profile)), m_serviceUid(serviceUid) {}
+      : CSupportBase("Service support", " is not available while a profile is being configured"),
+        m_profile(std::move(profile)),
+        m_serviceUid(serviceUid) {}
 
-  MAPIMETHOD(GetLastError)(HRESULT hResult, ULONG ulFlags, LPMAPIERROR* lppMAPIError) override {
-    std::string text;
-    {
-      std::lock_guard<std::mutex> guard(m_lock);  // lock order: object lock only
-      text = hResult == S_OK ? "No error" : m_lastText.empty() ? "The support call failed" : m_lastText;
-    }
-    return BuildMapiError(ulFlags, text, "Service support", lppMAPIError);
-  }
-  MAPIMETHOD(GetMemAllocRoutines)(LPALLOCATEBUFFER* lpAllocateBuffer, LPALLOCATEMORE* lpAllocateMore,
-                                  LPFREEBUFFER* lpFreeBuffer) override {
-    if (!lpAllocateBuffer || !lpAllocateMore || !lpFreeBuffer) return MAPI_E_INVALID_PARAMETER;
-    *lpAllocateBuffer = MAPIAllocateBuffer;
-    *lpAllocateMore = MAPIAllocateMore;
-    *lpFreeBuffer = MAPIFreeBuffer;
-    return S_OK;
-  }
-  MAPIMETHOD(Subscribe)(LPNOTIFKEY, ULONG, ULONG, LPMAPIADVISESINK, ULONG* lpulConnection) override {
-    if (lpulConnection) *lpulConnection = 0;
-    return NoSupport("Subscribe");
-  }
-  MAPIMETHOD(Unsubscribe)(ULONG) override { return NoSupport("Unsubscribe"); }
-  MAPIMETHOD(Notify)(LPNOTIFKEY, ULONG, LPNOTIFICATION, ULONG*) override { return NoSupport("Notify"); }
-  MAPIMETHOD(ModifyStatusRow)(ULONG, LPSPropValue, ULONG) override { return NoSupport("ModifyStatusRow"); }
   MAPIMETHOD(OpenProfileSection)(LPMAPIUID lpUid, ULONG ulFlags, LPPROFSECT* lppProfileObj) override {
     HRESULT hr = m_profile->OpenSection(lpUid ? lpUid : &m_serviceUid, ulFlags, lppProfileObj);
     return FAILED(hr) ? Failed(hr, "OpenProfileSection failed") : hr;
-  }
-  MAPIMETHOD(RegisterPreprocessor)(LPMAPIUID, LPTSTR, LPTSTR, LPSTR, LPSTR, ULONG) override {
-    return NoSupport("RegisterPreprocessor");
   }
   MAPIMETHOD(NewUID)(LPMAPIUID lpMuid) override {
     if (!lpMuid) return MAPI_E_INVALID_PARAMETER;
     *lpMuid = NewUid();
     return S_OK;
   }
-  MAPIMETHOD(MakeInvalid)(ULONG, LPVOID, ULONG, ULONG) override { return NoSupport("MakeInvalid"); }
-  MAPIMETHOD(SpoolerYield)(ULONG) override { return NoSupport("SpoolerYield"); }
-  MAPIMETHOD(SpoolerNotify)(ULONG, LPVOID) override { return NoSupport("SpoolerNotify"); }
-  MAPIMETHOD(CreateOneOff)(LPTSTR, LPTSTR, LPTSTR, ULONG, ULONG* lpcbEntryID, LPENTRYID* lppEntryID) override {
-    return NoEntry("CreateOneOff", lpcbEntryID, lppEntryID);
-  }
-  MAPIMETHOD(SetProviderUID)(LPMAPIUID, ULONG) override { return NoSupport("SetProviderUID"); }
-  MAPIMETHOD(CompareEntryIDs)(ULONG, LPENTRYID, ULONG, LPENTRYID, ULONG, ULONG* lpulResult) override {
-    if (lpulResult) *lpulResult = 0;
-    return NoSupport("CompareEntryIDs");
-  }
-  MAPIMETHOD(OpenTemplateID)(ULONG, LPENTRYID, ULONG, LPMAPIPROP, LPCIID, LPMAPIPROP* lppMAPIPropNew,
-                             LPMAPIPROP) override {
-    if (lppMAPIPropNew) *lppMAPIPropNew = nullptr;
-    return NoSupport("OpenTemplateID");
-  }
-  MAPIMETHOD(OpenEntry)(ULONG, LPENTRYID, LPCIID, ULONG, ULONG* lpulObjType, LPUNKNOWN* lppUnk) override {
-    if (lpulObjType) *lpulObjType = 0;
-    if (lppUnk) *lppUnk = nullptr;
-    return NoSupport("OpenEntry");
-  }
-  MAPIMETHOD(GetOneOffTable)(ULONG, LPMAPITABLE* lppTable) override {
-    if (lppTable) *lppTable = nullptr;
-    return NoSupport("GetOneOffTable");
-  }
-  MAPIMETHOD(Address)(ULONG_PTR*, LPADRPARM, LPADRLIST* lppAdrList) override {
-    if (lppAdrList) *lppAdrList = nullptr;
-    return NoSupport("Address");
-  }
-  MAPIMETHOD(Details)(ULONG_PTR*, LPFNDISMISS, LPVOID, ULONG, LPENTRYID, LPFNBUTTON, LPVOID, LPTSTR, ULONG) override {
-    return NoSupport("Details");
-  }
-  MAPIMETHOD(NewEntry)(ULONG_PTR, ULONG, ULONG, LPENTRYID, ULONG, LPENTRYID, ULONG* lpcbEIDNewEntry,
-                       LPENTRYID* lppEIDNewEntry) override {
-    return NoEntry("NewEntry", lpcbEIDNewEntry, lppEIDNewEntry);
-  }
-  MAPIMETHOD(DoConfigPropsheet)(ULONG_PTR, ULONG, LPTSTR, LPMAPITABLE, LPMAPIPROP, ULONG) override {
-    return NoSupport("DoConfigPropsheet");
-  }
-  MAPIMETHOD(CopyMessages)(LPCIID, LPVOID, LPENTRYLIST, LPCIID, LPVOID, ULONG_PTR, LPMAPIPROGRESS, ULONG) override {
-    return NoSupport("CopyMessages");
-  }
-  MAPIMETHOD(CopyFolder)(LPCIID, LPVOID, ULONG, LPENTRYID, LPCIID, LPVOID, LPTSTR, ULONG_PTR, LPMAPIPROGRESS,
-                         ULONG) override {
-    return NoSupport("CopyFolder");
-  }
-  MAPIMETHOD(DoCopyTo)(LPCIID, LPVOID, ULONG, LPCIID, LPSPropTagArray, ULONG_PTR, LPMAPIPROGRESS, LPCIID, LPVOID,
-                       ULONG, LPSPropProblemArray* lppProblems) override {
-    if (lppProblems) *lppProblems = nullptr;
-    return NoSupport("DoCopyTo");
-  }
-  MAPIMETHOD(DoCopyProps)(LPCIID, LPVOID, LPSPropTagArray, ULONG_PTR, LPMAPIPROGRESS, LPCIID, LPVOID, ULONG,
-                          LPSPropProblemArray* lppProblems) override {
-    if (lppProblems) *lppProblems = nullptr;
-    return NoSupport("DoCopyProps");
-  }
-  MAPIMETHOD(DoProgressDialog)(ULONG_PTR, ULONG, LPMAPIPROGRESS* lppProgress) override {
-    if (lppProgress) *lppProgress = nullptr;
-    return NoSupport("DoProgressDialog");
-  }
-  MAPIMETHOD(ReadReceipt)(ULONG, LPMESSAGE, LPMESSAGE* lppEmptyMessage) override {
-    if (lppEmptyMessage) *lppEmptyMessage = nullptr;
-    return NoSupport("ReadReceipt");
-  }
-  MAPIMETHOD(PrepareSubmit)(LPMESSAGE, ULONG*) override { return NoSupport("PrepareSubmit"); }
-  MAPIMETHOD(ExpandRecips)(LPMESSAGE, ULONG*) override { return NoSupport("ExpandRecips"); }
-  MAPIMETHOD(UpdatePAB)(ULONG, LPMESSAGE) override { return NoSupport("UpdatePAB"); }
-  MAPIMETHOD(DoSentMail)(ULONG, LPMESSAGE) override { return NoSupport("DoSentMail"); }
-  MAPIMETHOD(OpenAddressBook)(LPCIID, ULONG, LPADRBOOK* lppAdrBook) override {
-    if (lppAdrBook) *lppAdrBook = nullptr;
-    return NoSupport("OpenAddressBook");
-  }
-  MAPIMETHOD(Preprocess)(ULONG, ULONG, LPENTRYID) override { return NoSupport("Preprocess"); }
-  MAPIMETHOD(CompleteMsg)(ULONG, ULONG, LPENTRYID) override { return NoSupport("CompleteMsg"); }
-  MAPIMETHOD(StoreLogoffTransports)(ULONG*) override { return NoSupport("StoreLogoffTransports"); }
-  MAPIMETHOD(StatusRecips)(LPMESSAGE, LPADRLIST) override { return NoSupport("StatusRecips"); }
-  MAPIMETHOD(WrapStoreEntryID)(ULONG, LPENTRYID, ULONG* lpcbWrappedEntry, LPENTRYID* lppWrappedEntry) override {
-    return NoEntry("WrapStoreEntryID", lpcbWrappedEntry, lppWrappedEntry);
-  }
-  MAPIMETHOD(ModifyProfile)(ULONG) override { return NoSupport("ModifyProfile"); }
-  MAPIMETHOD(IStorageFromStream)(LPUNKNOWN, LPCIID, ULONG, LPSTORAGE* lppStorageOut) override {
-    if (lppStorageOut) *lppStorageOut = nullptr;
-    return NoSupport("IStorageFromStream");
-  }
-  MAPIMETHOD(GetSvcConfigSupportObj)(ULONG, LPMAPISUP* lppSvcSupport) override {
-    if (lppSvcSupport) *lppSvcSupport = nullptr;
-    return NoSupport("GetSvcConfigSupportObj");
-  }
 
  private:
   ~ServiceSupport() = default;
-  HRESULT Failed(HRESULT hr, const std::string& text) {
-    std::lock_guard<std::mutex> guard(m_lock);  // lock order: object lock only
-    m_lastText = text;
-    return hr;
-  }
-  HRESULT NoSupport(const char* method) {
-    return Failed(MAPI_E_NO_SUPPORT, std::string(method) + " is not available while a profile is being configured");
-  }
-  HRESULT NoEntry(const char* method, ULONG* lpcb, LPENTRYID* lppEntryID) {
-    if (lpcb) *lpcb = 0;
-    if (lppEntryID) *lppEntryID = nullptr;
-    return NoSupport(method);
-  }
 
   const std::shared_ptr<Profile> m_profile;
   const MAPIUID m_serviceUid;
-  std::mutex m_lock;  // guards m_lastText
-  std::string m_lastText;
 };
 
 }  // namespace
