@@ -40,6 +40,17 @@ HRESULT CheckMode(DWORD mode) {
   return S_OK;
 }
 bool Writes(DWORD mode) { return (mode & kAccessMask) != STGM_READ; }
+
+// The checks every create or open of an element starts with, in the order their errors rank.
+template <class T>
+HRESULT CheckElementCall(T** ppOut, const OLECHAR* pwcsName, bool fReservedUsed, DWORD grfMode, std::u16string& name) {
+  if (!ppOut) return STG_E_INVALIDPOINTER;
+  *ppOut = nullptr;
+  HRESULT hr = CheckName(pwcsName, name);
+  if (FAILED(hr)) return hr;
+  if (fReservedUsed) return STG_E_INVALIDPARAMETER;
+  return CheckMode(grfMode);
+}
 bool Reads(DWORD mode) { return (mode & kAccessMask) != STGM_WRITE; }
 
 // No exception leaves a COM method: running out of memory is an HRESULT like any other.
@@ -614,13 +625,9 @@ Storage* Storage::OpenChildLocked(const ElementPtr& e, DWORD mode) {
 
 HRESULT Storage::CreateStream(const OLECHAR* pwcsName, DWORD grfMode, DWORD reserved1, DWORD reserved2,
                               IStream** ppstm) {
-  if (!ppstm) return STG_E_INVALIDPOINTER;
-  *ppstm = nullptr;
   std::u16string name;
-  HRESULT hr = CheckName(pwcsName, name);
+  HRESULT hr = CheckElementCall(ppstm, pwcsName, reserved1 || reserved2, grfMode, name);
   if (FAILED(hr)) return hr;
-  if (reserved1 || reserved2) return STG_E_INVALIDPARAMETER;
-  if (FAILED(hr = CheckMode(grfMode))) return hr;
   if (grfMode & (STGM_TRANSACTED | STGM_DELETEONRELEASE | STGM_CONVERT | STGM_PRIORITY)) return STG_E_INVALIDFUNCTION;
   return Guarded([&] {
     Lock guard(m_doc->Lock());
@@ -637,13 +644,9 @@ HRESULT Storage::CreateStream(const OLECHAR* pwcsName, DWORD grfMode, DWORD rese
 
 HRESULT Storage::OpenStream(const OLECHAR* pwcsName, void* reserved1, DWORD grfMode, DWORD reserved2,
                             IStream** ppstm) {
-  if (!ppstm) return STG_E_INVALIDPOINTER;
-  *ppstm = nullptr;
   std::u16string name;
-  HRESULT hr = CheckName(pwcsName, name);
+  HRESULT hr = CheckElementCall(ppstm, pwcsName, reserved1 || reserved2, grfMode, name);
   if (FAILED(hr)) return hr;
-  if (reserved1 || reserved2) return STG_E_INVALIDPARAMETER;
-  if (FAILED(hr = CheckMode(grfMode))) return hr;
   if (grfMode & (STGM_CREATE | STGM_CONVERT)) return STG_E_INVALIDFLAG;
   if (grfMode & (STGM_TRANSACTED | STGM_DELETEONRELEASE | STGM_PRIORITY)) return STG_E_INVALIDFUNCTION;
   return Guarded([&] {
@@ -659,13 +662,9 @@ HRESULT Storage::OpenStream(const OLECHAR* pwcsName, void* reserved1, DWORD grfM
 
 HRESULT Storage::CreateStorage(const OLECHAR* pwcsName, DWORD grfMode, DWORD reserved1, DWORD reserved2,
                                IStorage** ppstg) {
-  if (!ppstg) return STG_E_INVALIDPOINTER;
-  *ppstg = nullptr;
   std::u16string name;
-  HRESULT hr = CheckName(pwcsName, name);
+  HRESULT hr = CheckElementCall(ppstg, pwcsName, reserved1 || reserved2, grfMode, name);
   if (FAILED(hr)) return hr;
-  if (reserved1 || reserved2) return STG_E_INVALIDPARAMETER;
-  if (FAILED(hr = CheckMode(grfMode))) return hr;
   if (grfMode & (STGM_DELETEONRELEASE | STGM_CONVERT | STGM_PRIORITY)) return STG_E_INVALIDFUNCTION;
   return Guarded([&] {
     Lock guard(m_doc->Lock());
@@ -694,13 +693,9 @@ void Storage::ExcludeLocked(Element& e, SNB snb) {
 
 HRESULT Storage::OpenStorage(const OLECHAR* pwcsName, IStorage* pstgPriority, DWORD grfMode, SNB snbExclude,
                              DWORD reserved, IStorage** ppstg) {
-  if (!ppstg) return STG_E_INVALIDPOINTER;
-  *ppstg = nullptr;
   std::u16string name;
-  HRESULT hr = CheckName(pwcsName, name);
+  HRESULT hr = CheckElementCall(ppstg, pwcsName, pstgPriority || reserved, grfMode, name);
   if (FAILED(hr)) return hr;
-  if (pstgPriority || reserved) return STG_E_INVALIDPARAMETER;
-  if (FAILED(hr = CheckMode(grfMode))) return hr;
   if (grfMode & (STGM_CREATE | STGM_CONVERT)) return STG_E_INVALIDFLAG;
   if (grfMode & (STGM_DELETEONRELEASE | STGM_PRIORITY)) return STG_E_INVALIDFUNCTION;
   bool transacted = (grfMode & STGM_TRANSACTED) != 0;
