@@ -18,31 +18,11 @@
 #include <string>
 #include <vector>
 
+#include "bench_folder.h"
+
 namespace {
 
 constexpr int kRecordsPerStore = 2000;  // a fresh store after this many, to bound the file
-
-class BenchFolder {
- public:
-  BenchFolder() {
-    const char* env = getenv("ARCHIVEDEPOT_BENCH_DIR");
-    std::string base = env && *env ? env : std::filesystem::temp_directory_path().string();
-    std::string pattern = base + "/zt4dbbench-XXXXXX";
-    std::vector<char> buf(pattern.begin(), pattern.end());
-    buf.push_back('\0');
-    if (mkdtemp(buf.data())) m_dir = buf.data();
-  }
-  ~BenchFolder() {
-    std::error_code ec;
-    if (!m_dir.empty()) std::filesystem::remove_all(m_dir, ec);
-  }
-  std::string Store() const { return m_dir + "\\bench.CST"; }
-  std::string Native() const { return m_dir + "/bench.CST"; }
-  bool Ok() const { return !m_dir.empty(); }
-
- private:
-  std::string m_dir;
-};
 
 // A database on a new file; the references its streams keep are given back at the end.
 class BenchStore {
@@ -84,7 +64,7 @@ void WriteField(IStream* pStream, const std::vector<char>& payload) {
 }
 
 void BM_CreateRecord(benchmark::State& state) {
-  BenchFolder folder;
+  BenchFolder folder("zt4dbbench");
   BenchStore store(folder);
   if (!folder.Ok() || !store.Get()) {
     state.SkipWithError("no store");
@@ -115,7 +95,7 @@ void BM_CreateRecord(benchmark::State& state) {
 BENCHMARK(BM_CreateRecord)->Arg(1)->Arg(10)->Unit(benchmark::kMicrosecond)->UseRealTime();
 
 void BM_RewriteEqualSize(benchmark::State& state) {
-  BenchFolder folder;
+  BenchFolder folder("zt4dbbench");
   BenchStore store(folder);
   if (!folder.Ok() || !store.Get()) {
     state.SkipWithError("no store");
@@ -145,7 +125,7 @@ BENCHMARK(BM_RewriteEqualSize)->Arg(10)->Unit(benchmark::kMicrosecond)->UseRealT
 // The same durable writes without the store: per record one 12-byte header write and one node
 // per payload node, the nodes beyond the first each with one more header write.
 void BM_PhysicalReference(benchmark::State& state) {
-  BenchFolder folder;
+  BenchFolder folder("zt4dbbench");
   int fd = folder.Ok() ? open(folder.Native().c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600) : -1;
   if (fd < 0) {
     state.SkipWithError("no file");
@@ -179,7 +159,7 @@ BENCHMARK(BM_PhysicalReference)->Arg(1)->Arg(10)->Unit(benchmark::kMicrosecond)-
 
 // Equal-size rewrite of ten nodes: ten node writes, no header write.
 void BM_PhysicalRewrite(benchmark::State& state) {
-  BenchFolder folder;
+  BenchFolder folder("zt4dbbench");
   int fd = folder.Ok() ? open(folder.Native().c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600) : -1;
   if (fd < 0) {
     state.SkipWithError("no file");

@@ -21,31 +21,11 @@
 #include <string>
 #include <vector>
 
+#include "bench_folder.h"
+
 namespace {
 
 constexpr DWORD kListRecord = 10;
-
-class BenchFolder {
- public:
-  BenchFolder() {
-    const char* env = getenv("ARCHIVEDEPOT_BENCH_DIR");
-    std::string base = env && *env ? env : std::filesystem::temp_directory_path().string();
-    std::string pattern = base + "/zt4stgbench-XXXXXX";
-    std::vector<char> buf(pattern.begin(), pattern.end());
-    buf.push_back('\0');
-    if (mkdtemp(buf.data())) m_dir = buf.data();
-  }
-  ~BenchFolder() {
-    std::error_code ec;
-    if (!m_dir.empty()) std::filesystem::remove_all(m_dir, ec);
-  }
-  std::string Store() const { return m_dir + "\\bench.CST"; }
-  std::string Native() const { return m_dir + "/bench.CST"; }
-  bool Ok() const { return !m_dir.empty(); }
-
- private:
-  std::string m_dir;
-};
 
 // A back end on a new store file; at the end every reference the streams keep is given back.
 class BenchBackEnd {
@@ -75,7 +55,7 @@ DWORD NodesFor(size_t cbStream) { return static_cast<DWORD>((cbStream + DATA_SIZ
 
 void BM_IDListGrowth(benchmark::State& state) {
   const DWORD cIDs = static_cast<DWORD>(state.range(0));
-  BenchFolder folder;
+  BenchFolder folder("zt4stgbench");
   int64_t cNodeWrites = 0;
   for (auto _ : state) {
     state.PauseTiming();
@@ -109,7 +89,7 @@ BENCHMARK(BM_IDListGrowth)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond)
 // write whenever the list needs one node more.
 void BM_IDListGrowthPhysical(benchmark::State& state) {
   const DWORD cIDs = static_cast<DWORD>(state.range(0));
-  BenchFolder folder;
+  BenchFolder folder("zt4stgbench");
   int fd = folder.Ok() ? open(folder.Native().c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600) : -1;
   if (fd < 0) {
     state.SkipWithError("no file");
