@@ -284,7 +284,7 @@ BOOL CBackEnd::IsValidEntryID(const PRIVATE_EID* pEID) const {
 // ---------------------------------------------------------------------------------------------
 // CFileBackEnd: life
 
-CFileBackEnd::CFileBackEnd(CDataBase* pDB, const MAPIUID* pUID, CMAPISupport* pSupObj)
+CFileBackEnd::CFileBackEnd(CDataBase* pDB, const MAPIUID* pUID, LPMAPISUP pSupObj)
     : CBackEnd(pUID), m_cRef(1), m_pDBobj(pDB), m_pSupObj(pSupObj), m_pDedupCache(NULL), m_pMessageCache(NULL) {
   if (m_pDBobj) m_pDBobj->AddRef();
 }

@@ -6,6 +6,7 @@
 #include <objbase.h>
 #include <mapidefs.h>
 #include <mapiutil.h>
+#include <mapispi.h>
 
 #include <cstddef>
 
@@ -58,6 +59,25 @@ constexpr ULONG RECIP_BATCH_ROWS = 15;
 enum { RFS_INSTANCE_KEY = 0, RFS_ENTRYID, RFS_RECORD_KEY, RFS_MESSAGE_CLASS, RFS_COLUMNS };
 
 class CDedupCache;
+class CBackEnd;
+
+// Opens (or at the first logon of the process, recreates) the store file and makes its back end;
+// with fLogon it also readies the data provider and builds the folder hierarchy of a new file.
+// fUnused is always TRUE and has no effect.
+HRESULT OpenMsgStoreDataBase(LPMAPISUP pPrivSupObj, LPCSTR szStorePath, LPCSTR szStoreName,
+                             LPCSTR szStoreComment, const MAPIUID* pUID, BOOL fUnused, CBackEnd** ppBEobj,
+                             BOOL fLogon);
+// Lets the next OpenMsgStoreDataBase act as the process's first logon again. For tests.
+void ResetFirstLogon();
+
+// The server path of a folder, relative to the IPM subtree ("Inbox\\Projects"); empty for the
+// root and the IPM subtree. *pbstrName is the caller's.
+HRESULT GetCompleteFolderName(CBackEnd* pBEobj, const PRIVATE_EID& FolderEID, BSTR* pbstrName);
+// TRUE when the folder's PR_DISPLAY_NAME_W is "IPM Subtree"; an unreadable folder is not.
+BOOL IsIPMSubtree(CBackEnd* pBEobj, const PRIVATE_EID& FolderEID);
+// Writes the 22 values of one hierarchy row into pTable.
+HRESULT GetHierarchyTableProps(CBackEnd* pBEobj, const PRIVATE_EID& FolderEID, CPropList* pList,
+                               LONG lAccess, LONG lFolderType, const SBinary* pStoreEID, LPTABLEDATA pTable);
 class CMemoryDataBase;
 class CMAPISupport;
 struct DELETE_OBJECTS_DATA;
@@ -127,7 +147,7 @@ class CBackEnd {
 class CFileBackEnd final : public CBackEnd {
  public:
   // Takes its own reference on pDB; pSupObj is kept, not referenced.
-  CFileBackEnd(CDataBase* pDB, const MAPIUID* pUID, CMAPISupport* pSupObj);
+  CFileBackEnd(CDataBase* pDB, const MAPIUID* pUID, LPMAPISUP pSupObj);
 
   ULONG AddRef() override;
   ULONG Release() override;
@@ -188,8 +208,25 @@ class CFileBackEnd final : public CBackEnd {
   // Fills the receive-folder table: the store's default row, then the stored entries.
   HRESULT GetRFSTableData(LPTABLEDATA pTable);
 
+  // The folder hierarchy.
+  // The skeleton of a new store: root, the four special folders and the four default folders
+  // below the IPM subtree, whose entry ID goes to *pIPMSubtreeEID.
+  HRESULT CreateSpecialFolders(LPPRIVATE_EID pIPMSubtreeEID);
+  // One folder below ParentEID, in the record NewEID names; MAPI_E_COLLISION for a name the parent
+  // has. pszName and pszComment are narrow (CP_ACP) texts.
+  HRESULT CreateFolderObject(PRIVATE_EID NewEID, PRIVATE_EID ParentEID, LPCSTR pszName, LPCSTR pszComment,
+                             CPropList** ppList);
+  // Mirrors the server's children of ParentEID, recursively. pExcluded is a table of cExcluded
+  // entries 100 bytes apart, each a narrow name; NULL excludes nothing.
+  HRESULT CreateSubFolder(PRIVATE_EID ParentEID, const BYTE* pExcluded, ULONG cExcluded);
+  // The rows of FolderEID's child folders, after mirroring their server children one level.
+  HRESULT FillHierarchyTable(PRIVATE_EID FolderEID, LPTABLEDATA pTable, LONG lAccess, const SBinary* pStoreEID);
+  // Walks, adds to (ulFlags 1), checks (2) or removes from (4) the subfolder names of dwParentID.
+  HRESULT CheckFldNameCollision(DWORD dwParentID, LPCWSTR pszName, DWORD* pdwObjID, ULONG ulFlags);
+  HRESULT UpdateFolderCount(PRIVATE_EID ParentEID, PRIVATE_EID FolderEID);
+
   CDataBase* GetDataBase() const { return m_pDBobj; }
-  CMAPISupport* GetSupportObject() const { return m_pSupObj; }
+  LPMAPISUP GetSupportObject() const { return m_pSupObj; }
 
  private:
   ~CFileBackEnd() override;
@@ -205,7 +242,7 @@ class CFileBackEnd final : public CBackEnd {
 
   ULONG m_cRef;  // plain count: callers keep AddRef and Release to one thread
   CDataBase* m_pDBobj;
-  CMAPISupport* m_pSupObj;
+  LPMAPISUP m_pSupObj;
   CDedupCache* m_pDedupCache;        // null until the deduplication cache is built
   CMemoryDataBase* m_pMessageCache;  // null until the in-memory object database is built
 };

@@ -1,4 +1,5 @@
-// Process-wide objects of the provider: for now the data provider.
+// Process-wide objects of the provider: the data provider, and the way from an entry ID to the
+// server's folder and record.
 #pragma once
 #include <windows.h>
 
@@ -8,3 +9,15 @@
 // created (the next call tries again). No reference is added: a caller that keeps the pointer
 // across a call takes its own.
 IZT4DataProvider* GetDataProvider();
+
+struct PRIVATE_EID;
+class CBackEnd;
+
+// The server folder of a folder entry ID, or NULL (root, folders above the IPM subtree, or a
+// folder the server lacks). With no data provider: "spProvider is NULL" and E_INVALIDARG, thrown.
+// The result carries a reference for the caller.
+IZT4ArchiveFolder* GetFolderObject(CBackEnd* pBEobj, const PRIVATE_EID& FolderEID);
+// The server record of a message entry ID in its folder, or NULL; a counted reference.
+IZT4ArchiveMessage* GetMessageObject(CBackEnd* pBEobj, const PRIVATE_EID& MessageEID, const PRIVATE_EID& FolderEID);
+// The HRESULT of the data provider's GetLastProviderError kinds.
+HRESULT MapProviderError(LONG lProviderError);
