@@ -39,6 +39,10 @@ typedef void(WINAPI* PROC)();
 #define LOAD_LIBRARY_SEARCH_SYSTEM32 0x00000800
 #define LOAD_LIBRARY_SEARCH_DEFAULT_DIRS 0x00001000
 
+#define GET_MODULE_HANDLE_EX_FLAG_PIN 0x00000001
+#define GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT 0x00000002
+#define GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS 0x00000004
+
 extern "C" {
 
 // ERROR_MOD_NOT_FOUND when no candidate exists, ERROR_BAD_EXE_FORMAT when one exists but is not
@@ -52,6 +56,14 @@ FARPROC WINAPI GetProcAddress(HMODULE hModule, LPCSTR lpProcName);
 // module that the process loaded otherwise (such a module is never unloaded). No reference is
 // added.
 HMODULE WINAPI GetModuleHandleA(LPCSTR lpModuleName);
+// As published: with GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS lpModuleName is an address inside the
+// module (a function or object of it), otherwise a name as for GetModuleHandleA. Without
+// UNCHANGED_REFCOUNT a module that LoadLibraryA loaded gets a reference that FreeLibrary drops;
+// PIN keeps the module for the life of the process. The executable's own addresses give
+// GetModuleHandleA(NULL). A module whose load is still under way (its static constructors run)
+// is found too, with no reference added. PIN with UNCHANGED_REFCOUNT, or a NULL phModule, fails
+// with ERROR_INVALID_PARAMETER; an address no module holds with ERROR_MOD_NOT_FOUND.
+BOOL WINAPI GetModuleHandleExA(DWORD dwFlags, LPCSTR lpModuleName, HMODULE* phModule);
 // Truncates as published: a too-small buffer gets nSize - 1 characters and a NUL, the result is
 // nSize and the last error ERROR_INSUFFICIENT_BUFFER.
 DWORD WINAPI GetModuleFileNameA(HMODULE hModule, LPSTR lpFilename, DWORD nSize);

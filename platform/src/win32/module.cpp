@@ -317,6 +317,45 @@ HMODULE GetModuleHandleA(LPCSTR lpModuleName) {
   return static_cast<HMODULE>(handle);
 }
 
+BOOL GetModuleHandleExA(DWORD dwFlags, LPCSTR lpModuleName, HMODULE* phModule) {
+  const DWORD known = GET_MODULE_HANDLE_EX_FLAG_PIN | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT |
+                      GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS;
+  const DWORD pinUnchanged = GET_MODULE_HANDLE_EX_FLAG_PIN | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT;
+  if (phModule) *phModule = nullptr;
+  if (!phModule || (dwFlags & ~known) != 0 || (dwFlags & pinUnchanged) == pinUnchanged ||
+      ((dwFlags & GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS) && !lpModuleName)) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return FALSE;
+  }
+  adp::Loader& loader = adp::TheLoader();
+  std::lock_guard<std::recursive_mutex> guard(loader.lock);
+  void* handle = nullptr;
+  if (dwFlags & GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS) {
+    // The dlopen handle of an object is its link map, and the executable's is dlopen(NULL)'s.
+    Dl_info info;
+    struct link_map* map = nullptr;
+    if (::dladdr1(lpModuleName, &info, reinterpret_cast<void**>(&map), RTLD_DL_LINKMAP) && map) {
+      void* main = adp::MainHandleLocked(loader);
+      handle = static_cast<void*>(map) == main || !map->l_name || !*map->l_name ? main : static_cast<void*>(map);
+    }
+  } else {
+    handle = lpModuleName ? adp::FindLoadedLocked(loader, lpModuleName) : adp::MainHandleLocked(loader);
+  }
+  if (!handle) {
+    SetLastError(ERROR_MOD_NOT_FOUND);
+    return FALSE;
+  }
+  auto it = loader.modules.find(handle);
+  if (it != loader.modules.end() && !it->second.pinned) {
+    if (dwFlags & GET_MODULE_HANDLE_EX_FLAG_PIN)
+      it->second.pinned = true;
+    else if (!(dwFlags & GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT))
+      ++it->second.loads;
+  }
+  *phModule = static_cast<HMODULE>(handle);
+  return TRUE;
+}
+
 DWORD GetModuleFileNameA(HMODULE hModule, LPSTR lpFilename, DWORD nSize) {
   std::string path;
   if (hModule == nullptr) {

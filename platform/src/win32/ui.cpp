@@ -13,6 +13,7 @@
 #include "adplatform.h"
 #include "adplatform_ui.h"
 #include "errhandlingapi.h"
+#include "libloaderapi.h"
 #include "winerror.h"
 #include "winnls.h"
 #include "winuser.h"
@@ -145,6 +146,10 @@ const std::u16string* FindLocked(HINSTANCE module, UINT id) {
   return text;
 }
 
+// The executable's tables are kept under NULL, so its handle and NULL find the same strings.
+// Asked before the table lock is taken: the loader lock is never taken inside it.
+HINSTANCE TableKey(HINSTANCE module) { return module && module == GetModuleHandleA(nullptr) ? nullptr : module; }
+
 int Fail(DWORD error) {
   SetLastError(error);
   return 0;
@@ -160,17 +165,20 @@ void SetMessageBoxSink(MessageBoxSink sink) {
 }
 
 void RegisterStringTable(HINSTANCE module, LANGID lang, UINT id, const char16_t* text) {
+  module = TableKey(module);
   std::lock_guard<std::mutex> guard(TableLock());
   StoreLocked(Tables()[module], lang, id, text);
 }
 
 void RegisterStringTable(HINSTANCE module, LANGID lang, const StringResource* entries, size_t count) {
+  module = TableKey(module);
   std::lock_guard<std::mutex> guard(TableLock());
   ModuleStrings& table = Tables()[module];
   for (size_t i = 0; entries && i < count; ++i) StoreLocked(table, lang, entries[i].id, entries[i].text);
 }
 
 void UnregisterStringTables(HINSTANCE module) {
+  module = TableKey(module);
   std::lock_guard<std::mutex> guard(TableLock());
   Tables().erase(module);
 }
@@ -209,6 +217,7 @@ int MessageBoxExA(HWND hWnd, LPCSTR lpText, LPCSTR lpCaption, UINT uType, WORD) 
 
 int LoadStringW(HINSTANCE hInstance, UINT uID, LPWSTR lpBuffer, int cchBufferMax) {
   if (!lpBuffer || cchBufferMax < 0) return Fail(ERROR_INVALID_PARAMETER);
+  hInstance = TableKey(hInstance);
   std::lock_guard<std::mutex> guard(TableLock());
   const std::u16string* text = FindLocked(hInstance, uID);
   if (!text) return 0;
@@ -226,6 +235,7 @@ int LoadStringW(HINSTANCE hInstance, UINT uID, LPWSTR lpBuffer, int cchBufferMax
 int LoadStringA(HINSTANCE hInstance, UINT uID, LPSTR lpBuffer, int cchBufferMax) {
   if (!lpBuffer || cchBufferMax <= 0) return Fail(ERROR_INVALID_PARAMETER);
   std::string text;
+  hInstance = TableKey(hInstance);
   {
     std::lock_guard<std::mutex> guard(TableLock());
     const std::u16string* found = FindLocked(hInstance, uID);
