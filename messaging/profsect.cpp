@@ -53,7 +53,11 @@ class ProfSect final : public ComObject<IProfSect, IID_IMAPIProp, IID_IProfSect>
   }
 
  private:
-  ~ProfSect() = default;
+  // Profile sections aren't transacted: what a writer set and never saved reaches the profile
+  // when the last reference goes, so nothing set through a section is lost.
+  ~ProfSect() override {
+    if (m_writable && !m_changed.empty()) SaveChanges(0);
+  }
   HRESULT Fail(HRESULT hr, const char* text) {
     m_lastText = text;
     return hr;

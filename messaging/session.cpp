@@ -1080,13 +1080,32 @@ HRESULT UnwrapStoreEntryID(ULONG cbWrapped, const ENTRYID* lpWrapped, std::strin
 }
 
 // The entry point behind MAPILogonEx: a session on the profile (see session.h).
+// A shared logon that names no profile, while the default profile has no session here, joins
+// the process's one session: a provider asks this way from inside its client's logon, and means
+// the client's profile. With no session, or several, the default profile is used.
+CSession* JoinSoleSharedSession(const std::shared_ptr<Profile>& defaultProfile) {
+  SharedSessions& s = Shared();
+  std::lock_guard<std::mutex> guard(s.lock);  // lock order: shared-session registry (leaf)
+  if (defaultProfile && s.byProfile.count(defaultProfile->Folder())) return nullptr;
+  if (s.byProfile.size() != 1) return nullptr;
+  CSession* only = s.byProfile.begin()->second;
+  return only->TryAddRef() ? only : nullptr;
+}
+
 HRESULT LogonSession(const std::string& profileName, ULONG ulFlags, LPMAPISESSION* lppSession) {
   std::shared_ptr<Profile> profile;
   HRESULT hr = OpenNamedProfile(profileName.c_str(), &profile);
+  const bool shared = !(ulFlags & MAPI_NEW_SESSION);
+  if (shared && profileName.empty()) {
+    if (CSession* joined = JoinSoleSharedSession(SUCCEEDED(hr) ? profile : nullptr)) {
+      RegisterAccountManager();  // the state directory may have changed since that logon
+      *lppSession = joined;
+      return S_OK;
+    }
+  }
   if (hr == MAPI_E_NOT_FOUND) return MAPI_E_LOGON_FAILED;
   if (FAILED(hr)) return hr;
   RegisterAccountManager();  // the account manager must be reachable by CoCreateInstance
-  const bool shared = !(ulFlags & MAPI_NEW_SESSION);
   if (shared) {
     SharedSessions& s = Shared();
     std::lock_guard<std::mutex> guard(s.lock);  // lock order: shared-session registry (leaf)

@@ -6,6 +6,9 @@
 // show anything. Without MAPI_NEW_SESSION a process has one shared session per profile: a second
 // logon to the same profile returns that session with one more reference (MAPI_ALLOW_OTHERS marks
 // nothing more here: every session is shareable). MAPI_NEW_SESSION always makes a private one.
+// A shared logon that names no profile, while the default profile has no session in the process
+// and the process has exactly one session of another profile, joins that one: a provider that
+// logs on from inside its client's logon reaches the client's profile.
 // Errors: MAPI_E_NOT_INITIALIZED before MAPIInitialize, MAPI_E_LOGON_FAILED when there is no such
 // profile (or no default), MAPI_E_UNKNOWN_FLAGS, MAPI_E_INVALID_PARAMETER for a NULL out pointer.
 //

@@ -22,7 +22,11 @@
 // identity, registers the store's UID (SetProviderUID), publishes a status row, subscribes to
 // "<store UID>TEST IPC KEY" and marks the profile (ModifyProfile). IMsgStore::NotifyNewMail sends
 // its notification under that key through the support object. ADTEST_STORE_FAIL set: logons fail
-// with MAPI_E_LOGON_FAILED.
+// with MAPI_E_LOGON_FAILED. ADTEST_STORE_ANY_PROFILE set: the logon asks for the identity through
+// a logon that names no profile (MAPI_LOGON_UI | MAPI_EXTENDED), as providers do.
+// ADTEST_STORE_DEFAULT_FOLDERS "<deleted>|<inbox>|<outbox>|<sent>" (UTF-8): the store gets four
+// folders of these names and points PR_IPM_WASTEBASKET_ENTRYID, GetReceiveFolder,
+// PR_IPM_OUTBOX_ENTRYID and PR_IPM_SENTMAIL_ENTRYID at them.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -234,10 +238,46 @@ class ProviderStore final : public teststore::MsgStore {
     ULONG flags = 0;
     return m_store->sup->Notify(reinterpret_cast<LPNOTIFKEY>(m_key.data()), 1, lpNotification, &flags);
   }
+  // The four default folders of ADTEST_STORE_DEFAULT_FOLDERS.
+  void MakeDefaultFolders(const std::string& list) {
+    std::vector<std::string> names;
+    size_t start = 0;
+    for (size_t bar; (bar = list.find('|', start)) != std::string::npos; start = bar + 1)
+      names.push_back(list.substr(start, bar - start));
+    names.push_back(list.substr(start));
+    static const ULONG kTags[4] = {PR_IPM_WASTEBASKET_ENTRYID, 0, PR_IPM_OUTBOX_ENTRYID, PR_IPM_SENTMAIL_ENTRYID};
+    for (size_t i = 0; i < names.size() && i < 4; ++i) {
+      LPMAPIFOLDER folder = nullptr;
+      if (FAILED(Root()->CreateFolder(0, const_cast<LPTSTR>(names[i].c_str()), nullptr, nullptr, OPEN_IF_EXISTS,
+                                      &folder)))
+        continue;
+      LPSPropValue eid = nullptr;
+      if (SUCCEEDED(HrGetOneProp(folder, PR_ENTRYID, &eid))) {
+        std::vector<BYTE> bytes(eid->Value.bin.lpb, eid->Value.bin.lpb + eid->Value.bin.cb);
+        if (kTags[i])
+          Put(BinProp(kTags[i], bytes));
+        else
+          m_inbox = bytes;
+      }
+      MAPIFreeBuffer(eid);
+      folder->Release();
+    }
+  }
+  MAPIMETHOD(GetReceiveFolder)(LPTSTR, ULONG, ULONG* lpcbEntryID, LPENTRYID* lppEntryID, LPTSTR* lppszClass) override {
+    if (!lpcbEntryID || !lppEntryID) return MAPI_E_INVALID_PARAMETER;
+    if (lppszClass) *lppszClass = nullptr;
+    if (m_inbox.empty()) return MAPI_E_NOT_FOUND;
+    HRESULT hr = MAPIAllocateBuffer(static_cast<ULONG>(m_inbox.size()), reinterpret_cast<LPVOID*>(lppEntryID));
+    if (FAILED(hr)) return hr;
+    std::memcpy(*lppEntryID, m_inbox.data(), m_inbox.size());
+    *lpcbEntryID = static_cast<ULONG>(m_inbox.size());
+    return S_OK;
+  }
 
  private:
   std::vector<BYTE> m_key;
   ULONG m_connection = 0;
+  std::vector<BYTE> m_inbox;
 };
 
 class TestLogon final : public IMSLogon {
@@ -290,6 +330,7 @@ class TestLogon final : public IMSLogon {
 std::string IdentityUser(const char* profile) {
   LPMAPISESSION session = nullptr;
   std::string user;
+  if (std::getenv("ADTEST_STORE_ANY_PROFILE")) profile = nullptr;
   if (FAILED(MAPILogonEx(0, const_cast<LPTSTR>(profile), nullptr, MAPI_EXTENDED | MAPI_LOGON_UI, &session)))
     return user;
   ULONG cb = 0, type = 0;
@@ -339,6 +380,7 @@ HRESULT DoLogon(const char* what, LPMAPISUP sup, LPTSTR profile, ULONG cbEntryID
   sup->AddRef();
   data->sup = sup;
   auto* store = new ProviderStore(data);
+  if (const char* folders = std::getenv("ADTEST_STORE_DEFAULT_FOLDERS")) store->MakeDefaultFolders(folders);
   std::vector<BYTE> eid = data->EntryID(0);
   ULONG cbWrapped = 0;
   LPENTRYID wrapped = nullptr;

@@ -180,10 +180,11 @@ TEST(ProfSect, AccessModesAndUnsavedChanges) {
   v.ulPropTag = PROP_TAG(PT_LONG, 0x6600);
   v.Value.l = 1;
   ASSERT_EQ(s->SetProps(1, &v, nullptr), S_OK);
-  s->Release();  // without SaveChanges: discarded
+  s->Release();  // without SaveChanges: sections aren't transacted, the release keeps the change
   s = f.Open(0);
   LPSPropValue got = GetOne(s, v.ulPropTag);
-  EXPECT_EQ(PROP_TYPE(got->ulPropTag), PT_ERROR);
+  EXPECT_EQ(got->ulPropTag, v.ulPropTag);
+  EXPECT_EQ(got->Value.l, 1);
   MAPIFreeBuffer(got);
   EXPECT_EQ(s->SetProps(1, &v, nullptr), MAPI_E_NO_ACCESS);
   EXPECT_EQ(s->SaveChanges(0), MAPI_E_NO_ACCESS);
