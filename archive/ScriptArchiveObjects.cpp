@@ -6,6 +6,9 @@
 #include <new>
 
 #include <oleauto.h>
+#include <shlobj.h>
+#include <stringapiset.h>
+#include <winnls.h>
 
 #include "ScriptJournal.h"
 
@@ -632,12 +635,34 @@ class Folder final : public ComObject<IZT4ArchiveFolder> {
 
 // ---- configuration ---------------------------------------------------------------------------
 
+std::string DefaultLogFolder() {
+  PWSTR pwszFolder = nullptr;
+  std::string folder;
+  if (SUCCEEDED(SHGetKnownFolderPath(FOLDERID_LocalAppData, 0, nullptr, &pwszFolder)) && pwszFolder) {
+    int cb = WideCharToMultiByte(CP_UTF8, 0, pwszFolder, -1, nullptr, 0, nullptr, nullptr);
+    if (cb > 1) {
+      folder.resize(cb - 1);
+      WideCharToMultiByte(CP_UTF8, 0, pwszFolder, -1, folder.data(), cb, nullptr, nullptr);
+      folder += "\\Larkmoor Systems\\Nimbrel\\LogFiles";
+    }
+  }
+  CoTaskMemFree(pwszFolder);
+  return folder;
+}
+
 class Config final : public ComObject<IZT4ProviderConfig> {
  public:
   explicit Config(std::shared_ptr<Archive> archive) : m_archive(std::move(archive)) {}
 
   HRESULT STDMETHODCALLTYPE raw_GetLogLevel(LONG* p) override { return Number("GetLogLevel", "LogLevel", p); }
-  HRESULT STDMETHODCALLTYPE raw_GetLogFileName(BSTR* p) override { return Text("GetLogFileName", "LogFileName", p); }
+  // Without a folder of its own the fixture logs where the product keeps its logs.
+  HRESULT STDMETHODCALLTYPE raw_GetLogFileName(BSTR* p) override {
+    HRESULT hr = Text("GetLogFileName", "LogFileName", p);
+    if (FAILED(hr) || SysStringLen(*p) != 0) return hr;
+    SysFreeString(*p);
+    *p = NewBstr(DefaultLogFolder());
+    return *p ? S_OK : E_OUTOFMEMORY;
+  }
   HRESULT STDMETHODCALLTYPE raw_MaxListCount(LONG* p) override { return Number("MaxListCount", "MaxListCount", p); }
   HRESULT STDMETHODCALLTYPE raw_MaxSearchCount(LONG* p) override { return Number("MaxSearchCount", "MaxSearchCount", p); }
   HRESULT STDMETHODCALLTYPE raw_LogSize(LONG* p) override { return Number("LogSize", "LogSize", p); }

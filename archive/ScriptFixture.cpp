@@ -331,7 +331,7 @@ std::unique_ptr<Fixture> DefaultFixture() {
                  {"ConfigurationAvailable", true}};
   f->values = {{"LogLevel", 3}, {"MaxListCount", 0}, {"MaxSearchCount", 500}, {"LogSize", 5},
                {"MaxFiles", 5}, {"SyncIntervalMinutes", 30}, {"UseLocalizedFolderNames", 1}};
-  f->defaultFolderNames = {"Inbox", "Sent Items", "Deleted Items", "Drafts"};
+  f->defaultFolderNames = {"Deleted Items", "Inbox", "Outbox", "Sent Items"};
   return f;
 }
 
