@@ -16,10 +16,10 @@ inline constexpr int kExitOk = 0;
 inline constexpr int kExitMapi = 1;
 inline constexpr int kExitUsage = 2;
 
-// The profile that commands use when none is named, and the message service they add to it (the
-// test store service until our own provider can log on).
+// The profile that commands use when none is named, and the message service they add to it: our
+// own store service, as its MAPISVC.INF rows name it.
 inline constexpr const char* kDefaultProfileName = "ArchiveDepot";
-inline constexpr const char* kDefaultServiceName = "ADTESTSVC";
+inline constexpr const char* kDefaultServiceName = "ZT4MSPROVIDER";
 
 struct Context {
   bool json = false;

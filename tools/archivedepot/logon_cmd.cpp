@@ -1,6 +1,5 @@
 // logon: MAPILogonEx on a profile, open its default store, and show the store's properties, its
 // row of the session's status table and the session's identity.
-#include <algorithm>
 #include <ostream>
 
 #include "args.h"
@@ -27,21 +26,6 @@ void ReadAllProps(IMAPIProp* object, PropList* out) {
   if (!tags->cValues) return;
   HRESULT hr = object->GetProps(tags.Get(), 0, &out->count, out->values.Out());
   Check(hr, object, "GetProps failed");
-}
-
-Json PropsJson(const SPropValue* values, ULONG count) {
-  Json doc = Json::Object();
-  for (ULONG i = 0; i < count; ++i) doc.Set(TagName(values[i].ulPropTag), ValueJson(values[i]));
-  return doc;
-}
-
-void PrintProps(std::ostream& out, const SPropValue* values, ULONG count) {
-  size_t width = 0;
-  for (ULONG i = 0; i < count; ++i) width = std::max(width, TagName(values[i].ulPropTag).size());
-  for (ULONG i = 0; i < count; ++i) {
-    std::string name = TagName(values[i].ulPropTag);
-    out << "  " << name << std::string(width - name.size() + 2, ' ') << ValueText(values[i]) << "\n";
-  }
 }
 
 // The status table's rows of store providers.

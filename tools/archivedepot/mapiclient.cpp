@@ -9,6 +9,7 @@
 #include "mapicode.h"
 #include "mapitags.h"
 #include "mapiutil.h"
+#include "objbase.h"
 #include "output.h"
 
 namespace adcli {
@@ -133,9 +134,25 @@ LPSRowSet* Rows::Out() {
   return &m_rows;
 }
 
-MapiInit::MapiInit() { Check(MAPIInitialize(nullptr), "MAPIInitialize failed"); }
+// COM first, as a mail client has it: store providers create their in-process servers
+// (the data provider) on the client's threads and on their own. A multithreaded apartment
+// covers both.
+MapiInit::MapiInit() : m_com(SUCCEEDED(CoInitializeEx(nullptr, COINIT_MULTITHREADED))) {
+  HRESULT hr = MAPIInitialize(nullptr);
+  if (FAILED(hr)) {
+    if (m_com) CoUninitialize();
+    throw MapiFailure(hr, "MAPIInitialize failed");
+  }
+}
 
-MapiInit::~MapiInit() { MAPIUninitialize(); }
+MapiInit::~MapiInit() {
+  MAPIUninitialize();
+  if (m_com) CoUninitialize();
+}
+
+std::string WideToUtf8(const WCHAR* text) {
+  return text ? adp::Utf16ToUtf8(reinterpret_cast<const char16_t*>(text)) : std::string();
+}
 
 void Check(HRESULT hr, const std::string& what) {
   if (FAILED(hr)) throw MapiFailure(hr, what);

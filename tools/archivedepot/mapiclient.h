@@ -83,14 +83,19 @@ class Rows {
   LPSRowSet m_rows = nullptr;
 };
 
-// MAPIInitialize for the life of the object.
+// COM (a multithreaded apartment) and MAPIInitialize for the life of the object.
 class MapiInit {
  public:
   MapiInit();
   ~MapiInit();
   MapiInit(const MapiInit&) = delete;
   MapiInit& operator=(const MapiInit&) = delete;
+
+ private:
+  bool m_com;
 };
+
+std::string WideToUtf8(const WCHAR* text);
 
 // Throws MapiFailure for a failed hr: "<what>: <the object's error text>".
 void Check(HRESULT hr, const std::string& what);
@@ -136,8 +141,9 @@ void Check(HRESULT hr, T* object, const std::string& what) {
   if (!FAILED(hr)) return;
   std::string detail;
   MapiBuffer<MAPIERROR> error;
-  if (object && object->GetLastError(hr, 0, error.Out()) == S_OK && error.Get() && error->lpszError) {
-    detail = reinterpret_cast<const char*>(error->lpszError);
+  // Asked for wide text: some objects give nothing else whatever the flags say.
+  if (object && object->GetLastError(hr, MAPI_UNICODE, error.Out()) == S_OK && error.Get() && error->lpszError) {
+    detail = WideToUtf8(reinterpret_cast<const WCHAR*>(error->lpszError));
   }
   throw MapiFailure(hr, detail.empty() ? what : what + ": " + detail);
 }

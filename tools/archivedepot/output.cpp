@@ -1,7 +1,9 @@
 #include "output.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <ostream>
 
 #include "adplatform.h"
 #include "adplatform_tags.h"
@@ -351,6 +353,21 @@ std::string HexBytes(const BYTE* data, size_t cb) {
     out += digits[data[i] & 0xF];
   }
   return out;
+}
+
+Json PropsJson(const SPropValue* values, ULONG count) {
+  Json doc = Json::Object();
+  for (ULONG i = 0; i < count; ++i) doc.Set(TagName(values[i].ulPropTag), ValueJson(values[i]));
+  return doc;
+}
+
+void PrintProps(std::ostream& out, const SPropValue* values, ULONG count) {
+  size_t width = 0;
+  for (ULONG i = 0; i < count; ++i) width = std::max(width, TagName(values[i].ulPropTag).size());
+  for (ULONG i = 0; i < count; ++i) {
+    std::string name = TagName(values[i].ulPropTag);
+    out << "  " << name << std::string(width - name.size() + 2, ' ') << ValueText(values[i]) << "\n";
+  }
 }
 
 }  // namespace adcli

@@ -2,6 +2,7 @@
 // UTF-8 replaced), property values rendered as text or JSON by tag name, and HRESULT names.
 #pragma once
 #include <cstdint>
+#include <iosfwd>
 #include <string>
 #include <utility>
 #include <vector>
@@ -55,5 +56,9 @@ std::string ValueText(const SPropValue& value);
 Json ValueJson(const SPropValue& value);
 
 std::string HexBytes(const BYTE* data, size_t cb);
+
+// A property array as a JSON object by tag name, and as aligned "NAME  value" lines.
+Json PropsJson(const SPropValue* values, ULONG count);
+void PrintProps(std::ostream& out, const SPropValue* values, ULONG count);
 
 }  // namespace adcli

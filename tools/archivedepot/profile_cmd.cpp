@@ -1,5 +1,8 @@
 // profile create | configure | delete | list: profiles and their message services through
-// MAPIAdminProfiles, IProfAdmin and IMsgServiceAdmin.
+// MAPIAdminProfiles, IProfAdmin and IMsgServiceAdmin. A profile on our own service is made as the
+// product's installer makes it: the service set up first if needed, the mailbox owner as the
+// profile's identity, and the service added while "TQUpdatingProfile" exists, so that its
+// ServiceEntry silently gives the store its path and identity.
 #include <cstring>
 #include <ostream>
 #include <set>
@@ -8,10 +11,14 @@
 #include "commands.h"
 #include "mapiclient.h"
 #include "mapicode.h"
+#include "mapisvc.h"
 #include "mapitags.h"
+#include "mapiutil.h"
 #include "mapix.h"
 #include "output.h"
+#include "provider_setup.h"
 #include "session.h"
+#include "windows.h"
 
 namespace adcli {
 namespace {
@@ -79,6 +86,55 @@ void ApplyIdentity(const std::string& profile, const Args& args, const IdentityA
         "cannot set the identity of profile '" + profile + "'");
 }
 
+// Our service: the mailbox owner of the data provider's fixture, with the options given over it.
+void ApplyMailboxIdentity(const std::string& profile, const Args& args, const IdentityArgs& id) {
+  MailboxUser owner = FixtureUser(RegisteredFixture());
+  if (args.Has("user")) owner.user = id.user;
+  if (args.Has("display")) owner.display = id.display;
+  if (args.Has("smtp")) owner.smtp = id.smtp;
+  Check(adm::SetProfileIdentity(profile.c_str(), owner.user.c_str(), owner.display.c_str(), owner.smtp.c_str()),
+        "cannot set the identity of profile '" + profile + "'");
+}
+
+bool IsOurService(const std::string& service) { return lstrcmpiA(service.c_str(), kDefaultServiceName) == 0; }
+
+// The named mutex by which the product tells a service that a profile is being set up; owned
+// from construction to destruction.
+class UpdatingProfile {
+ public:
+  UpdatingProfile() : m_mutex(CreateMutexA(nullptr, TRUE, "TQUpdatingProfile")) {
+    if (!m_mutex) throw MapiFailure(HRESULT_FROM_WIN32(GetLastError()), "cannot create the mutex TQUpdatingProfile");
+  }
+  ~UpdatingProfile() {
+    ReleaseMutex(m_mutex);
+    CloseHandle(m_mutex);
+  }
+  UpdatingProfile(const UpdatingProfile&) = delete;
+  UpdatingProfile& operator=(const UpdatingProfile&) = delete;
+
+ private:
+  HANDLE m_mutex;
+};
+
+// PR_ZT4_STORE_PATH of the service's provider section: where its ServiceEntry put the store
+// file; "" when it put none.
+std::string StorePath(IMsgServiceAdmin* services, MAPIUID uid) {
+  constexpr ULONG kStorePathTag = PROP_TAG(PT_STRING8, 0x6601);
+  Ref<IProviderAdmin> providers;
+  if (FAILED(services->AdminProviders(&uid, 0, providers.Out()))) return std::string();
+  Ref<IMAPITable> table;
+  if (FAILED(providers->GetProviderTable(0, table.Out()))) return std::string();
+  Rows rows = QueryAll(table.Get(), {PR_PROVIDER_UID});
+  const SPropValue* provider = rows.Count() ? FindProp(rows[0], PR_PROVIDER_UID) : nullptr;
+  if (!provider || provider->Value.bin.cb != sizeof(MAPIUID)) return std::string();
+  Ref<IProfSect> section;
+  auto* providerUid = reinterpret_cast<LPMAPIUID>(provider->Value.bin.lpb);
+  if (FAILED(providers->OpenProfileSection(providerUid, nullptr, 0, section.Out()))) return std::string();
+  MapiBuffer<SPropValue> path;
+  if (FAILED(HrGetOneProp(section.Get(), kStorePathTag, path.Out())) || !path->Value.lpszA) return std::string();
+  return path->Value.lpszA;
+}
+
 PropArgs ReadSets(const Args& args) {
   PropArgs props;
   for (const auto& s : args.Values("set")) props.Add(s);
@@ -128,29 +184,50 @@ MAPIUID AddService(IMsgServiceAdmin* services, const std::string& service) {
 
 int Create(Context& ctx, const std::vector<std::string>& argv) {
   Args args("profile create", argv,
-            {{"service", true}, {"user", true}, {"display", true}, {"smtp", true}, {"set", true, true}, {"default"}}, 1);
+            {{"service", true},
+             {"user", true},
+             {"display", true},
+             {"smtp", true},
+             {"set", true, true},
+             {"default"},
+             {"fixture", true}},
+            1);
   std::string name = args.Positional(0, kDefaultProfileName);
   CheckProfileName(name);
   bool makeDefault = args.Has("default") || args.Positionals().empty();
   std::string service = args.Value("service", kDefaultServiceName);
   if (service.empty()) throw UsageError("--service needs a service name");
+  bool ours = IsOurService(service);
+  if (args.Has("fixture") && !ours) {
+    throw UsageError("--fixture goes with the service " + std::string(kDefaultServiceName));
+  }
+  if (args.Has("fixture") && args.Value("fixture").empty()) throw UsageError("--fixture needs a file");
   IdentityArgs id = ReadIdentity(args);
   PropArgs props = ReadSets(args);
 
   MapiInit mapi;
+  if (ours && (args.Has("fixture") || !adm::InfListsService(service) || RegisteredFixture().empty())) {
+    InstallProviderService(ctx.programPath, args.Value("fixture"));
+  }
   Ref<IProfAdmin> admin = OpenProfAdmin();
   HRESULT hr = admin->CreateProfile(T(name), nullptr, 0, 0);
   if (hr == MAPI_E_NO_ACCESS) throw MapiFailure(hr, "a profile named '" + name + "' already exists");
   Check(hr, admin.Get(), "cannot create profile '" + name + "'");
   CreatedProfile created(admin.Get(), name);
+  if (ours) ApplyMailboxIdentity(name, args, id);
   MAPIUID uid{};
+  std::string storePath;
   {
     Ref<IMsgServiceAdmin> services = OpenServices(admin.Get(), name);
-    uid = AddService(services.Get(), service);
-    Check(services->ConfigureMsgService(&uid, 0, 0, props.Count(), props.Values()), services.Get(),
-          "cannot configure the service '" + service + "'");
+    {
+      UpdatingProfile updating;
+      uid = AddService(services.Get(), service);
+      Check(services->ConfigureMsgService(&uid, 0, 0, props.Count(), props.Values()), services.Get(),
+            "cannot configure the service '" + service + "'");
+    }
+    if (ours) storePath = StorePath(services.Get(), uid);
   }
-  if (id.given) ApplyIdentity(name, args, id);
+  if (!ours && id.given) ApplyIdentity(name, args, id);
   if (makeDefault) Check(admin->SetDefaultProfile(T(name), 0), admin.Get(), "cannot make '" + name + "' the default");
   created.Keep();
 
@@ -162,11 +239,13 @@ int Create(Context& ctx, const std::vector<std::string>& argv) {
     svc.Set("name", Json::Str(service));
     svc.Set("uid", Json::Str(HexBytes(uid.ab, sizeof uid.ab)));
     svc.Set("configured", PropsJson(props));
+    if (ours) svc.Set("store_path", storePath.empty() ? Json() : Json::Str(storePath));
     doc.Set("service", std::move(svc));
     *ctx.out << doc.Dump();
   } else {
     *ctx.out << "Created profile '" << name << "'" << (makeDefault ? " (default)" : "") << " with service " << service
              << " {" << HexBytes(uid.ab, sizeof uid.ab) << "}\n";
+    if (!storePath.empty()) *ctx.out << "  store file " << storePath << "\n";
     for (const auto& v : props.All()) *ctx.out << "  " << TagName(v.ulPropTag) << " = " << ValueText(v) << "\n";
   }
   return kExitOk;
@@ -309,14 +388,21 @@ const char kSetHelp[] =
     "  --smtp S          the user's SMTP address (PR_SMTP_ADDRESS)\n";
 
 const CommandRegistration kCreate({"profile create",
-                                   "[NAME] [--service SERVICE] [--user U --display D --smtp S] [--set TAG=VALUE ...] "
-                                   "[--default]",
+                                   "[NAME] [--service SERVICE] [--fixture FILE] [--user U --display D --smtp S] "
+                                   "[--set TAG=VALUE ...] [--default]",
                                    "create a profile holding one message service",
                                    std::string("Without NAME the default profile '") + kDefaultProfileName +
                                        "' is made and becomes the default.\n"
+                                       "With our service " + kDefaultServiceName +
+                                       " (the default) the service and its data provider are\n"
+                                       "installed first when missing ('service install'), the profile's identity is\n"
+                                       "the fixture's first [user] section (else " + kSampleUser.display + " <" +
+                                       kSampleUser.smtp + ">),\n"
+                                       "and the store file is made in the temporary folder ($TMPDIR).\n"
                                        "  --service SERVICE a MAPISVC.INF service (default " +
                                        kDefaultServiceName +
                                        ")\n"
+                                       "  --fixture FILE    (our service) register the data provider on this fixture\n"
                                        "  --default         make the profile the default one\n" +
                                        kSetHelp,
                                    Create});

@@ -1,6 +1,7 @@
-// service install: registers a store service and its provider in MAPISVC.INF, found as
-// installers find it (beside the library that FGetComponentPath names), so that a provider
-// library can be registered by hand.
+// service install: with no name, sets up our own store service as its installer does (the
+// provider's MergeWithMAPISVC, and the data provider on a fixture); with a name, registers any
+// store service and its provider in MAPISVC.INF, found as installers find it (beside the library
+// that FGetComponentPath names), so that a provider library can be registered by hand.
 #include <ostream>
 
 #include "adplatform.h"
@@ -10,6 +11,7 @@
 #include "mapicode.h"
 #include "mapisvc.h"
 #include "output.h"
+#include "provider_setup.h"
 #include "windows.h"
 
 namespace adcli {
@@ -57,8 +59,34 @@ class InfWriter {
   std::string m_path;
 };
 
+int InstallOurs(Context& ctx, const Args& args) {
+  for (const char* option : {"dll", "display", "entry"}) {
+    if (args.Has(option)) throw UsageError(std::string("--") + option + " needs a service NAME");
+  }
+  if (args.Has("fixture")) CheckValue("--fixture", args.Value("fixture"));
+  MapiInit mapi;
+  ServiceSetup setup = InstallProviderService(ctx.programPath, args.Value("fixture"));
+  std::string path = MapisvcFile();
+  if (ctx.json) {
+    Json doc = Json::Object();
+    doc.Set("service", Json::Str(kDefaultServiceName));
+    doc.Set("dll", Json::Str(kProviderLibrary));
+    doc.Set("changed", Json::Boolean(setup.changed));
+    doc.Set("mapisvc", Json::Str(path));
+    doc.Set("data_provider", Json::Str(setup.data.module));
+    doc.Set("fixture", Json::Str(setup.data.fixture));
+    *ctx.out << doc.Dump();
+  } else {
+    *ctx.out << "Installed service " << kDefaultServiceName << " (" << kProviderLibrary << ") in " << path << "\n"
+             << "Data provider " << setup.data.module << " on " << setup.data.fixture << "\n";
+  }
+  return kExitOk;
+}
+
 int Install(Context& ctx, const std::vector<std::string>& argv) {
-  Args args("service install", argv, {{"dll", true}, {"display", true}, {"entry", true}}, 1);
+  Args args("service install", argv, {{"dll", true}, {"display", true}, {"entry", true}, {"fixture", true}}, 1);
+  if (args.Positionals().empty()) return InstallOurs(ctx, args);
+  if (args.Has("fixture")) throw UsageError("--fixture goes with our own service, installed without a NAME");
   std::string name = args.Positional(0);
   CheckServiceName(name);
   if (!args.Has("dll")) throw UsageError("'service install' needs --dll DLL");
@@ -101,8 +129,15 @@ int Install(Context& ctx, const std::vector<std::string>& argv) {
   return kExitOk;
 }
 
-const CommandRegistration kInstall({"service install", "NAME --dll DLL [--display TEXT] [--entry FUNCTION]",
+const CommandRegistration kInstall({"service install",
+                                    "[--fixture FILE] | NAME --dll DLL [--display TEXT] [--entry FUNCTION]",
                                     "register a store service and its provider in MAPISVC.INF",
+                                    std::string("Without NAME, installs our service ") + kDefaultServiceName +
+                                        ": loads " + kProviderLibrary + " beside the client and calls\n"
+                                        "its MergeWithMAPISVC, then registers the data provider " +
+                                        kArchiveModule + "\non a fixture (default: the bundled sample, " +
+                                        kSampleFixture + " beside the client).\n"
+                                    "  --fixture FILE    the archive fixture the data provider reads\n"
                                     "  --dll DLL         the provider library (a bare name is looked for in\n"
                                     "                    $ARCHIVEDEPOT_PROVIDER_PATH and beside the programs)\n"
                                     "  --display TEXT    the service's display name (default NAME)\n"

@@ -18,7 +18,8 @@ class ClientLogon : public ::testing::Test {
  protected:
   void SetUp() override {
     home.InstallTestService();
-    Result r = home.Run({"profile", "create", "--user", "jdoe", "--display", "Jane Doe", "--smtp", "jane@example.com"});
+    Result r = home.Run({"profile", "create", "--service", "ADTESTSVC", "--user", "jdoe", "--display", "Jane Doe",
+                         "--smtp", "jane@example.com"});
     ASSERT_EQ(r.code, 0) << r.err;
   }
   ClientHome home;

@@ -4,6 +4,7 @@
 
 #include "client_test_util.h"
 #include "mapisvc.h"
+#include "session.h"
 #include "windows.h"
 
 namespace {
@@ -54,10 +55,75 @@ TEST(ClientService, InstallRejectsBadArguments) {
   EXPECT_EQ(Inf("Services", "MYSVC"), "");
 }
 
+TEST(ClientService, InstallWithoutANameSetsUpOurService) {
+  ClientHome home;
+  // A missing fixture is refused before MAPISVC.INF is touched.
+  Result r = home.Run({"service", "install", "--fixture", home.Home().Root() + "/none.fixture"});
+  EXPECT_EQ(r.code, 1);
+  EXPECT_TRUE(Contains(r.err, "there is no fixture file")) << r.err;
+  EXPECT_EQ(Inf("Services", "ZT4MSPROVIDER"), "");
+  EXPECT_EQ(home.Run({"service", "install", "--fixture", "x", "NAME", "--dll", "y.so"}).code, 2);
+  EXPECT_EQ(home.Run({"service", "install", "--display", "D"}).code, 2);
+
+  SKIP_WITHOUT_PROVIDER_MODULE();
+  r = home.Run({"--json", "service", "install"});
+  ASSERT_EQ(r.code, 0) << r.err;
+  JsonValue doc = ParseJson(r.out);
+  EXPECT_EQ(doc["service"].text, "ZT4MSPROVIDER");
+  EXPECT_TRUE(doc["changed"].b);  // no display name in the file yet
+  EXPECT_EQ(doc["fixture"].text, adtest::BinPath("sample/mailbox.fixture"));
+  EXPECT_EQ(Inf("Services", "ZT4MSPROVIDER"), "Orvanta Message Store");
+  EXPECT_EQ(Inf("ZT4MSPROVIDER", "PR_SERVICE_DLL_NAME"), "ZT4MSProvider.DLL");
+  EXPECT_EQ(Inf("ZT4MSPROVIDER", "Providers"), "ZT4_MSPROVIDER");
+  EXPECT_EQ(Inf("ZT4_MSPROVIDER", "PR_RESOURCE_TYPE"), "MAPI_STORE_PROVIDER");
+  EXPECT_EQ(Inf("ZT4_MSPROVIDER", "PR_DISPLAY_NAME"), "ArchiveDepot");
+  // The export ran in the client as in an installer: its own log says so.
+  std::string log = clienttest::ReadFile(home.Home().Home() +
+                                         "/user/AppData/Local/Larkmoor Systems/Nimbrel/LogFiles/TQProviderRegister.log");
+  EXPECT_TRUE(Contains(log, "MergeWithMAPISVC is starting")) << log;
+  // Once named, a second install changes no name.
+  r = home.Run({"--json", "service", "install"});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_FALSE(ParseJson(r.out)["changed"].b);
+}
+
+TEST(ClientProfile, CreateOnOurServiceMakesTheStoreInTheTemporaryFolder) {
+  SKIP_WITHOUT_PROVIDER_MODULE();
+  ClientHome home;
+  std::string fixture = home.WriteFixture("owner.fixture",
+                                          "[user /o=T/cn=owner]\nUserName = owner\nDisplayName = Owner Name\n"
+                                          "SmtpAddress = owner@example.org\n[folder Inbox]\n");
+  Result r = home.Run({"--json", "profile", "create", "--fixture", fixture});
+  ASSERT_EQ(r.code, 0) << r.err;
+  JsonValue doc = ParseJson(r.out);
+  EXPECT_TRUE(doc["default"].b);
+  EXPECT_EQ(doc["service"]["name"].text, "ZT4MSPROVIDER");
+  // ServiceEntry's silent creation ran: "%s\\%d.CST" below TMPDIR, and the file exists.
+  std::string path = doc["service"]["store_path"].text;
+  EXPECT_EQ(path.rfind(home.Home().Temp() + "\\", 0), 0u) << path;
+  EXPECT_TRUE(path.size() > 4 && path.compare(path.size() - 4, 4, ".CST") == 0) << path;
+  EXPECT_NE(GetFileAttributesA(path.c_str()), INVALID_FILE_ATTRIBUTES) << path;
+  // The profile's identity is the fixture's mailbox owner.
+  r = home.Run({"--json", "logon"});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(ParseJson(r.out)["identity"]["PR_SMTP_ADDRESS"].text, "owner@example.org");
+
+  // Options override the fixture's owner; a second profile gets its own store file.
+  r = home.Run({"--json", "profile", "create", "Second", "--smtp", "else@example.org"});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(ParseJson(r.out)["service"]["store_path"].text, path);
+  adm::ProfileIdentity id;
+  ASSERT_EQ(adm::GetProfileIdentity("Second", &id), S_OK);
+  EXPECT_EQ(id.smtp, "else@example.org");
+  EXPECT_EQ(id.display, "Owner Name");
+
+  EXPECT_EQ(home.Run({"profile", "create", "X", "--service", "ADTESTSVC", "--fixture", fixture}).code, 2);
+}
+
 TEST(ClientProfile, CreateWithoutANameMakesTheDefaultProfile) {
   ClientHome home;
   home.InstallTestService();
-  Result r = home.Run({"profile", "create"});
+  Result r = home.Run({"profile", "create", "--service", "ADTESTSVC"});
   ASSERT_EQ(r.code, 0) << r.err;
   EXPECT_TRUE(Contains(r.out, "Created profile 'ArchiveDepot' (default) with service ADTESTSVC")) << r.out;
   EXPECT_TRUE(Contains(home.ServiceCalls(), "ServiceEntry ctx=2 "));  // MSG_SERVICE_CREATE
@@ -66,7 +132,7 @@ TEST(ClientProfile, CreateWithoutANameMakesTheDefaultProfile) {
   ASSERT_EQ(r.code, 0) << r.err;
   EXPECT_TRUE(Contains(r.out, "* ArchiveDepot  (default)\n    ADTESTSVC  \"Test Store\"")) << r.out;
 
-  r = home.Run({"profile", "create"});
+  r = home.Run({"profile", "create", "--service", "ADTESTSVC"});
   EXPECT_EQ(r.code, 1);
   EXPECT_TRUE(Contains(r.err, "a profile named 'ArchiveDepot' already exists")) << r.err;
 }
@@ -74,7 +140,8 @@ TEST(ClientProfile, CreateWithoutANameMakesTheDefaultProfile) {
 TEST(ClientProfile, RoundTripWithJsonOutput) {
   ClientHome home;
   home.InstallTestService();
-  Result r = home.Run({"--json", "profile", "create", "Work", "--set", "PR_COMMENT=my comment", "--set",
+  Result r = home.Run({"--json", "profile", "create", "Work", "--service", "ADTESTSVC", "--set", "PR_COMMENT=my comment",
+                       "--set",
                        "0x6603000B=true", "--user", "jdoe", "--display", "Jane Doe", "--smtp", "jane@example.com"});
   ASSERT_EQ(r.code, 0) << r.err;
   JsonValue created = ParseJson(r.out);
@@ -89,7 +156,7 @@ TEST(ClientProfile, RoundTripWithJsonOutput) {
   EXPECT_TRUE(Contains(calls, "ctx=3 ") && Contains(calls, "3004001E=my comment") && Contains(calls, "6603000B=true"))
       << calls;
 
-  ASSERT_EQ(home.Run({"profile", "create", "Home", "--default"}).code, 0);
+  ASSERT_EQ(home.Run({"profile", "create", "Home", "--service", "ADTESTSVC", "--default"}).code, 0);
   r = home.Run({"profile", "list", "--json"});
   ASSERT_EQ(r.code, 0) << r.err;
   JsonValue list = ParseJson(r.out);
@@ -120,7 +187,7 @@ TEST(ClientProfile, RoundTripWithJsonOutput) {
 TEST(ClientProfile, ConfigureChoosesTheServiceAndChecksItsArguments) {
   ClientHome home;
   home.InstallTestService();
-  ASSERT_EQ(home.Run({"profile", "create", "P"}).code, 0);
+  ASSERT_EQ(home.Run({"profile", "create", "P", "--service", "ADTESTSVC"}).code, 0);
   Result r = home.Run({"profile", "configure", "P"});
   EXPECT_EQ(r.code, 2);
   EXPECT_TRUE(Contains(r.err, "needs --set")) << r.err;
@@ -149,7 +216,7 @@ TEST(ClientProfile, FailuresLeaveNothingBehind) {
 
   home.InstallTestService();
   setenv("ADTEST_SERVICE_FAIL", "2", 1);  // the service refuses MSG_SERVICE_CREATE
-  r = home.Run({"--json", "profile", "create", "P"});
+  r = home.Run({"--json", "profile", "create", "P", "--service", "ADTESTSVC"});
   unsetenv("ADTEST_SERVICE_FAIL");
   EXPECT_EQ(r.code, 1);
   JsonValue error = ParseJson(r.out);
@@ -200,7 +267,7 @@ TEST(ClientCommands, HomeOptionChoosesTheStateDirectory) {
   ClientHome home;
   std::string other = home.Home().Root() + "/other-home";
   ASSERT_EQ(home.Run({"--home", other, "service", "install", "ADTESTSVC", "--dll", "msgprovider_module.so"}).code, 0);
-  ASSERT_EQ(home.Run({"--home=" + other, "profile", "create"}).code, 0);
+  ASSERT_EQ(home.Run({"--home=" + other, "profile", "create", "--service", "ADTESTSVC"}).code, 0);
   EXPECT_TRUE(Contains(home.Run({"--home", other, "profile", "list"}).out, "ArchiveDepot"));
   EXPECT_TRUE(Contains(home.Run({"profile", "list"}).out, "No profiles"));  // the test's own home is untouched
 }

@@ -21,7 +21,7 @@ class ClientSpooler : public ::testing::Test {
  protected:
   void SetUp() override {
     home.InstallTestService();
-    ASSERT_EQ(home.Run({"profile", "create"}).code, 0);
+    ASSERT_EQ(home.Run({"profile", "create", "--service", "ADTESTSVC"}).code, 0);
   }
   void TearDown() override { home.Run({"spooler", "stop"}); }  // never leave one running
   ClientHome home;
