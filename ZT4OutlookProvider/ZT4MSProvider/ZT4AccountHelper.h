@@ -3,6 +3,7 @@
 #pragma once
 #include <windows.h>
 #include <mapidefs.h>
+#include <mapix.h>
 #include <acctmgmt.h>
 
 #include <string>
@@ -58,3 +59,8 @@ class CAccountHelper final : public IOlkAccountHelper {
 
 // The accounts of the profile in their order.
 HRESULT GetAccountsByOrder(std::vector<ACCOUNT_RECORD>& accounts);
+
+struct IZT4ProviderConfig;
+// The part of QueryDefaultUserInfo after the accounts are listed: with several, the first
+// account's identity, or the data provider's look-up of its LegacyDN when that fails.
+HRESULT UseFirstAccount(IZT4ProviderConfig* pConfig, const std::vector<ACCOUNT_RECORD>& accounts);

@@ -2,6 +2,8 @@
 // its table, and the names of the four default folders as the user's mail client shows them.
 #pragma once
 #include <windows.h>
+#include <mapidefs.h>
+#include <oaidl.h>
 
 // Strings of the provider's resources.
 enum : UINT {
@@ -48,6 +50,13 @@ class CDefaultFolder {
  private:
   CDefaultFolder();
   ~CDefaultFolder();
+
+  // The names of the default store of the profile, kept and handed to the data provider's cache.
+  HRESULT ReadNamesFromClient();
+  HRESULT StoreClientName(LPMDB lpMDB, LONG lIndex, SAFEARRAY* psaNames);
+  void SaveNames(SAFEARRAY* psaNames);
+  // The names the data provider kept from an earlier run; four or none.
+  HRESULT ReadNamesFromCache();
 
   BOOL m_fEnglish;
   BOOL m_fFilled;

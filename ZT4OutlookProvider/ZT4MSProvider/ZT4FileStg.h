@@ -9,6 +9,7 @@
 #include <mapispi.h>
 
 #include <cstddef>
+#include <memory>
 
 #include "ZT4DBFile.h"
 #include "ZT4PropList.h"
@@ -43,7 +44,10 @@ static_assert(offsetof(PRIVATE_EID, dwObjID) == 24);
 static_assert(offsetof(PRIVATE_EID, szUniqueId) == 28);
 
 // Records with fixed IDs.
-constexpr DWORD IPM_ROOT_RECORD = 3;                      // the store's IPM root folder
+constexpr DWORD ROOT_FOLDER_RECORD = 0xFFFFFFFF;           // the store's root folder
+// The folder the message class "IPM" is bound to. The skeleton takes record IDs 1 to 8 in the
+// order the store's special-folder entry IDs name them, which makes 3 the Inbox.
+constexpr DWORD IPM_ROOT_RECORD = 3;
 constexpr DWORD RECEIVE_FOLDER_SETTINGS = 0xFFFFFFFE;     // receive-folder table, field 0
 constexpr DWORD NAMED_PROPERTIES_RECORD = 0xFFFFFFFC;     // named property map, field 0
 
@@ -80,7 +84,89 @@ HRESULT GetHierarchyTableProps(CBackEnd* pBEobj, const PRIVATE_EID& FolderEID, C
                                LONG lAccess, LONG lFolderType, const SBinary* pStoreEID, LPTABLEDATA pTable);
 class CMemoryDataBase;
 class CMAPISupport;
-struct DELETE_OBJECTS_DATA;
+class COpenObjectList;
+
+// ---------------------------------------------------------------------------------------------
+// The work order of DeleteObjects, filled by a folder and by DeleteFolderContents.
+
+// ulFlags of DELETE_OBJECTS_DATA.
+constexpr ULONG DEL_FROM_LIST = 0x01;          // only what lpEntryList names; otherwise all contents
+constexpr ULONG DEL_KEEP_ASSOCIATED = 0x02;    // leave the associated messages
+constexpr ULONG DEL_KEEP_FOLDER_COUNT = 0x04;  // leave the folder's subfolder state as it is
+
+// ulFlags of CBackEnd::DeleteObjects.
+constexpr ULONG DELOBJ_MESSAGES = 0x10;     // messages of a folder
+constexpr ULONG DELOBJ_FOLDERS = 0x20;      // subfolders of a folder
+constexpr ULONG DELOBJ_ATTACHMENT = 0x40;   // one attachment of a message
+// What DeleteObjects answers for any failure of DeleteFolderContents.
+constexpr HRESULT DELOBJ_E_FOLDER_CONTENTS = static_cast<HRESULT>(0x80070428);
+
+struct DELETE_OBJECT_ENTRY {
+  BYTE bObjType;      // MAPI_MESSAGE or MAPI_FOLDER
+  BYTE fAssociated;   // a message of the associated list
+  BYTE abPadding[2];
+  DWORD dwObjID;
+};
+static_assert(sizeof(DELETE_OBJECT_ENTRY) == 8);
+
+// The data of one nested delete: lpb comes from the private heap.
+struct DELETE_NOTIFICATION {
+  DWORD dwObjID;
+  ULONG cb;
+  LPBYTE lpb;
+};
+
+struct DELETE_OBJECTS_DATA {
+  LPENTRYLIST lpEntryList;             // with DEL_FROM_LIST: what to delete; not owned
+  DELETE_OBJECT_ENTRY* pObjects;       // process heap
+  ULONG cObjects;
+  DELETE_NOTIFICATION* pNotifications; // process heap
+  ULONG cNotifications;
+  COpenObjectList* pOpenObjects;       // the session's open objects, marked deleted; not owned
+  ULONG ulFlags;
+};
+
+// Frees what DeleteFolderContents put into pData (not pData itself) and clears those members.
+void FreeDeleteObjectsData(DELETE_OBJECTS_DATA* pData);
+
+// ulFlags of CheckFldNameCollision.
+constexpr ULONG FLDNAME_ADD = 0x01;     // append the name when no entry has it
+constexpr ULONG FLDNAME_CHECK = 0x02;   // look only
+constexpr ULONG FLDNAME_REMOVE = 0x04;  // drop the entry of *pdwObjID; the count word stays
+// A stored subfolder name is shorter than this many bytes.
+constexpr ULONG FLDNAME_MAX_BYTES = 512;
+
+// The archive's answers to a message delete, and what they become.
+constexpr LONG REMOVE_RESULT_OK = 0;
+constexpr LONG REMOVE_RESULT_REFUSED = 10351;
+constexpr HRESULT ZT4_E_REMOVE_REFUSED = static_cast<HRESULT>(0x80049003);
+constexpr HRESULT ZT4_E_REMOVE_FAILED = static_cast<HRESULT>(0x80049001);
+
+// The ulType of CBackEnd::GetTable.
+constexpr ULONG TABLE_HIERARCHY = 0;
+constexpr ULONG TABLE_CONTENTS = 1;
+constexpr ULONG TABLE_ATTACHMENTS = 2;
+constexpr ULONG TABLE_RECIPIENTS = 3;
+constexpr ULONG TABLE_RECEIVE_FOLDERS = 4;
+constexpr ULONG TABLE_SEARCH_CONTENTS = 5;
+
+// The receive-folder table's columns; PR_INSTANCE_KEY is the key.
+extern const SizedSPropTagArray(RFS_COLUMNS, sptRFSColumns);
+
+// The hierarchy table's 22 columns, in row order; PR_INSTANCE_KEY is the key.
+constexpr ULONG HIERARCHY_COLUMNS = 22;
+extern const SizedSPropTagArray(HIERARCHY_COLUMNS, sptHierarchyColumns);
+
+// The folder type FillHierarchyTable gives its rows.
+constexpr LONG HIERARCHY_ROW_FOLDER_TYPE = FOLDER_GENERIC;
+
+// The skeleton's names.
+#define ZT4_ROOT_FOLDER_NAME "D7BAA9E6-FB57-4CB6-A69F-25CF270B96D6"
+#define ZT4_IPM_SUBTREE_NAME "IPM Subtree"
+// Entries of CreateSubFolder's exclusion table are this many bytes apart.
+constexpr ULONG EXCLUDED_NAME_STRIDE = 100;
+// GetCompleteFolderName gives up on a parent chain deeper than this: a loop in a damaged file.
+constexpr ULONG MAX_FOLDER_DEPTH = 256;
 
 // ---------------------------------------------------------------------------------------------
 // The storage interface. Entry IDs travel by value: every slot gets its own 132-byte copy.
@@ -224,6 +310,19 @@ class CFileBackEnd final : public CBackEnd {
   // Walks, adds to (ulFlags 1), checks (2) or removes from (4) the subfolder names of dwParentID.
   HRESULT CheckFldNameCollision(DWORD dwParentID, LPCWSTR pszName, DWORD* pdwObjID, ULONG ulFlags);
   HRESULT UpdateFolderCount(PRIVATE_EID ParentEID, PRIVATE_EID FolderEID);
+  // Drops dwFolderID's entry from the subfolder names of dwParentID.
+  HRESULT DeleteFolderNameInParent(DWORD dwParentID, DWORD dwFolderID);
+
+  // Deletion helpers, called under the back end's lock.
+  // A folder's record, its name in the parent and its place in the parent's child list.
+  HRESULT DeleteFolderStorage(DWORD dwParentID, DWORD dwFolderID);
+  // Empties a folder (recursively), as pData orders; MAPI_W_PARTIAL_COMPLETION when something
+  // stayed.
+  HRESULT DeleteFolderContents(PRIVATE_EID FolderEID, DELETE_OBJECTS_DATA* pData);
+  HRESULT DeleteMessageAttachment(DWORD dwMessageID, DWORD dwAttachID);
+  HRESULT DeleteMessageAttachmentsStreams(DWORD dwMessageID);
+  HRESULT DeleteMessageRecipientsStreams(DWORD dwMessageID);
+  HRESULT DeleteLargePropsStreams(DWORD dwObjID);
 
   CDataBase* GetDataBase() const { return m_pDBobj; }
   LPMAPISUP GetSupportObject() const { return m_pSupObj; }
@@ -240,9 +339,36 @@ class CFileBackEnd final : public CBackEnd {
   HRESULT UpdateRFSTableRow(DWORD dwInstanceKey, PRIVATE_EID& eid, LPTABLEDATA pTable);
   PRIVATE_EID MakeFolderEID(DWORD dwObjID) const;
 
+  // Hierarchy helpers.
+  HRESULT SaveRootFolder(const PRIVATE_EID& RootEID);
+  HRESULT CreateSkeletonFolder(const PRIVATE_EID& ParentEID, LPCSTR pszName, LPCSTR pszComment,
+                               LPPRIVATE_EID pFolderEID);
+  HRESULT SetSubfoldersFlag(DWORD dwParentID, CPropList* pParentList);
+  HRESULT ClearSubfolders(DWORD dwFolderID);
+  HRESULT CreateServerFolder(const PRIVATE_EID& ParentEID, BSTR bstrName, const BYTE* pExcluded, ULONG cExcluded);
+  HRESULT LoadIDList(DWORD dwRecordID, RECFLD rfField, CIDList* pIDs);
+  HRESULT LoadListOrEmpty(DWORD dwRecordID, RECFLD rfField, CIDList* pIDs);
+  HRESULT SaveIDList(DWORD dwRecordID, RECFLD rfField, CIDList* pIDs);
+
+  // Deletion helpers.
+  struct DELETE_WALK;
+  HRESULT DeleteChildRecords(DWORD dwMessageID, RECFLD rfList, BOOL fLargeProps);
+  HRESULT DeleteFolderContentsAt(PRIVATE_EID FolderEID, DELETE_OBJECTS_DATA* pData, ULONG ulDepth);
+  HRESULT FillDeleteList(DELETE_WALK& walk, DELETE_OBJECTS_DATA* pData);
+  HRESULT LoadFolderCounts(PRIVATE_EID FolderEID, COpenObjectList* pOpenObjects, DELETE_WALK& walk,
+                           std::unique_ptr<CPropList>* pList);
+  HRESULT StoreFolderCounts(PRIVATE_EID FolderEID, DELETE_OBJECTS_DATA* pData, DELETE_WALK& walk, CPropList* pList);
+  BOOL IsUnreadMessage(DWORD dwMessageID);
+  void DeleteListedObject(DELETE_WALK& walk, const DELETE_OBJECT_ENTRY& entry, PRIVATE_EID FolderEID,
+                          DELETE_OBJECTS_DATA* pData, ULONG ulDepth);
+  void DeleteListedFolder(DELETE_WALK& walk, DWORD dwFolderID, PRIVATE_EID ParentEID, DELETE_OBJECTS_DATA* pData,
+                          ULONG ulDepth);
+
   ULONG m_cRef;  // plain count: callers keep AddRef and Release to one thread
   CDataBase* m_pDBobj;
   LPMAPISUP m_pSupObj;
-  CDedupCache* m_pDedupCache;        // null until the deduplication cache is built
-  CMemoryDataBase* m_pMessageCache;  // null until the in-memory object database is built
+  // Both stay NULL until their modules exist: the dedup cache plugs in when the data provider's
+  // server capability value is above 65534, the message cache when GetPerfMode has bit 0 set.
+  CDedupCache* m_pDedupCache;
+  CMemoryDataBase* m_pMessageCache;
 };

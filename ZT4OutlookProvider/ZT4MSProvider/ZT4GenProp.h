@@ -20,6 +20,7 @@ constexpr ULONG ZT4_ERROR_CONTEXT = 3;
 constexpr ULONG OBJFLAG_DEFERRED_ERRORS = 0x100;   // deferred errors asked for at creation
 constexpr ULONG OBJFLAG_MODIFIED = 0x8000;         // an open property changed the object
 constexpr ULONG OBJFLAG_SPOOLER = 0x10000;         // the object lives in the spooler context
+constexpr ULONG OBJFLAG_DELETED = 0x20000;         // the stored object was deleted while open
 
 // The store's display name, the component text of every MAPIERROR.
 #define PROVIDER_DISPLAY_NAME_STRING "ArchiveDepot"
@@ -32,7 +33,9 @@ class CGeneric {
   CGeneric(const CGeneric&) = delete;
   CGeneric& operator=(const CGeneric&) = delete;
 
-  // Count changes under the object lock; Release at zero deletes the object.
+  // Count changes are interlocked rather than taken under the object lock: COpenObjectList::Walk
+  // adds a reference while holding its list lock, which may itself be taken inside another
+  // object's lock. Release at zero deletes the object.
   ULONG GenericAddRef();
   ULONG GenericRelease();
 
@@ -53,6 +56,14 @@ class CGeneric {
   CRITICAL_SECTION m_csObj;    // the object lock: the count and all state of the object
   HRESULT m_hLastError;
   ULONG m_ulErrorContext;
+
+ private:
+  friend class CLiveObjects;
+  // The registry of live objects behind StorePointer: a handle never reused in the process and
+  // the links of the registry's list (guarded by the registry's lock).
+  ULONG_PTR m_ulHandle;
+  CGeneric* m_pPrevLive;
+  CGeneric* m_pNextLive;
 };
 
 // A handle of a live object for callbacks that carry a ULONG_PTR (view releases of tables):

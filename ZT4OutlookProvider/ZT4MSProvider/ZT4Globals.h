@@ -9,6 +9,9 @@
 // created (the next call tries again). No reference is added: a caller that keeps the pointer
 // across a call takes its own.
 IZT4DataProvider* GetDataProvider();
+// Gives the process's data provider object back, so the next GetDataProvider makes a new one.
+// For tests.
+void ResetDataProvider();
 
 struct PRIVATE_EID;
 class CBackEnd;

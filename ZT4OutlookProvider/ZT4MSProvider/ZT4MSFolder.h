@@ -6,6 +6,7 @@
 #include <mapidefs.h>
 
 #include <list>
+#include <string>
 
 #include "ZT4GenProp.h"
 
@@ -131,6 +132,23 @@ class CMAPIFolder final : public IMAPIFolder, public CGenericProp {
 
  private:
   ~CMAPIFolder() override;
+
+  // One value of GetProps: computed, or from the list. webView is the IPM subtree's block, or
+  // empty.
+  HRESULT FillProp(LPSPropValue pProp, LPVOID pMemBlock, const std::basic_string<BYTE>& webView);
+  // One value of SetProps, under the object lock; *pfChanged is set when the list changed.
+  HRESULT SetOneProp(LPSPropValue pProp, BOOL* pfChanged);
+  HRESULT GetAssociatedContentsTable(LPMAPITABLE* lppTable);
+  HRESULT LoadHierarchyTable();
+  static BOOL IsDeletedItemsFolder(LPMAPIPROP pFolder);
+  HRESULT AddNewChild(const PRIVATE_EID& NewEID, CPropList* pList, ULONG ulFlags, LPMAPIFOLDER* lppFolder);
+  HRESULT OpenExistingChild(LPCSTR pszName, ULONG ulFlags, LPMAPIFOLDER* lppFolder);
+  HRESULT CheckIsChild(CPropList* pChildList);
+  HRESULT DeleteContentsOf(const PRIVATE_EID& FolderEID, ULONG ulWhat, ULONG ulDataFlags);
+  void RefreshAfterChildChange();
+  HRESULT RemoveHierarchyRow(const PRIVATE_EID& ChildEID);
+  void ClearHierarchyRows();
+  template <class Fn> void ForEachInstance(const PRIVATE_EID& FolderEID, Fn fn);
 
   // Guard the table pointers. Lock order: object lock, then these, then the back end's.
   CRITICAL_SECTION m_csHierTable;

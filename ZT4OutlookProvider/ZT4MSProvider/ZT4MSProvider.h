@@ -9,6 +9,8 @@
 
 class CMsgStore;
 class CMAPISupport;
+class CMSLogon;
+struct LOGON_STORE_IDENTITY;
 
 // The SPI version this provider speaks and the oldest subsystem it accepts.
 constexpr ULONG ZT4_CURRENT_SPI_VERSION = 0x00010010;
@@ -72,6 +74,13 @@ class CMSProvider final : public IMSProvider {
 
  private:
   ~CMSProvider();
+
+  BOOL IsStoreListed(const CMsgStore* pStore);
+  HRESULT MakeStoreAndLogon(CMAPISupport*& pPrivSupObj, const LOGON_STORE_IDENTITY& identity, CBackEnd* pBEobj,
+                            ULONG ulFlags, BOOL fSpooler, CMsgStore** ppStore, CMSLogon** ppLogon);
+  HRESULT SubscribeAndMakeLogon(CMsgStore* pStore, BOOL fSpooler, CMSLogon** ppLogon);
+  void FinishLogon(CMAPISupport*& pPrivSupObj, CMsgStore* pStore, CMSLogon* pLogon, LPMSLOGON* lppMSLogon,
+                   LPMDB* lppMDB);
 
   ULONG m_cRef;
   CMsgStore* m_pOpenStores;  // not counted

@@ -21,5 +21,8 @@ HRESULT InitializeStoreFile(HINSTANCE hInstance, ULONG_PTR ulUIParam, LPSTR pszP
                             LPSPropValue pProps, LPMAPISUP pSupObj, LPPROFSECT pProfile, BOOL fFirstCall);
 // The wrapped store entry ID of the store with this UID; pEID->lpb is MAPI's memory.
 HRESULT CreateStoreEntryID(const MAPIUID* pUID, SBinary* pEID);
+// "%s\\%d.CST" of the temporary folder and the tick count; the folder keeps its trailing
+// backslash, so a second one follows it. MAPI_E_CALL_FAILED when the text doesn't fit.
+HRESULT BuildTempStorePath(LPSTR pszPath, ULONG cchPath);
 // The profile section of the service's one provider.
 HRESULT OpenProviderProfileSection(LPPROVIDERADMIN lpProviderAdmin, LPPROFSECT* ppProfile);

@@ -119,6 +119,13 @@ class CMsgStore final : public IMsgStore, public CGenericProp {
   static void STDAPICALLTYPE StoreTablesViewRelease(ULONG_PTR ulCallerData, LPTABLEDATA pTblData,
                                                     LPMAPITABLE pVue);
 
+  // The inter-context events ContextNotify hands on.
+  void OnContextEvent(const EXTENDED_NOTIFICATION& ext);
+  void OnNewMail(LPNOTIFICATION lpNotification);
+  // Open views of the queue and the receive-folder table.
+  ULONG GetOutgoingQueueViewCount();
+  ULONG GetReceiveFolderViewCount();
+
   COpenObjectList m_OpenObjects;
   CMSProvider* m_pProvider;
   CMAPISupport* m_pSupObj;
@@ -131,6 +138,21 @@ class CMsgStore final : public IMsgStore, public CGenericProp {
 
  private:
   ~CMsgStore() override;
+
+  HRESULT InitStoreProps(LPCSTR pszName, LPCSTR pszComment);
+  HRESULT FillStoreProp(LPSPropValue pProp, LPVOID pMemBlock);
+  static BOOL GetSpecialFolderID(ULONG ulPropTag, DWORD* pdwObjID);
+  HRESULT SetOneStoreProp(LPSPropValue pProp, LPPROFSECT* ppSection, BOOL* pfChanged);
+  void WriteProfileProp(LPSPropValue pProp, LPPROFSECT* ppSection);
+  void NotifyStoreModified();
+  HRESULT Refuse(LPCSTR pszMethod);
+  PRIVATE_EID FindParentEID(CPropList* pList);
+  HRESULT GetStoreTableView(LPTABLEDATA pTable, ULONG* pcViews, LPMAPITABLE* lppTable);
+  HRESULT FindReceiveFolderRow(LPCSTR pszClass, PRIVATE_EID* pEID);
+  BOOL IsStoreEntryID(ULONG cbEntryID, LPENTRYID lpEntryID) const;
+  HRESULT SendUnderKey(ULONG cbKey, LPBYTE pbKey, ULONG ulNotifsCount, LPNOTIFICATION pNotifs);
+  HRESULT SendContextEvent(ULONG ulEvent, ULONG cb, LPBYTE pbPayload);
+  HRESULT SendReceiveFolderEvent(LPCSTR pszClass, const PRIVATE_EID& eidFolder);
 
   ULONG m_cStoreSubscriptions;
   NOTIF_OBJS* m_pNotifList;
