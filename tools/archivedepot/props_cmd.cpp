@@ -46,8 +46,11 @@ int Props(Context& ctx, const std::vector<std::string>& argv) {
   }
 
   std::string shownPath;
-  for (const auto& n : names) shownPath += "/" + n;
-  if (shownPath.empty()) shownPath = "/";
+  for (const auto& n : names) {
+    shownPath.push_back('/');
+    shownPath += n;
+  }
+  if (shownPath.empty()) shownPath.push_back('/');
   if (ctx.json) {
     Json doc = Json::Object();
     doc.Set("profile", Json::Str(profile));
