@@ -5,10 +5,9 @@
 #include <cstdio>
 #include <new>
 
+#include <adplatform.h>
 #include <oleauto.h>
 #include <shlobj.h>
-#include <stringapiset.h>
-#include <winnls.h>
 
 #include "ScriptJournal.h"
 
@@ -17,63 +16,10 @@ namespace {
 
 // ---- text conversion -----------------------------------------------------------------------
 
-std::u16string Utf8ToUtf16(const std::string& s) {
-  std::u16string out;
-  for (size_t i = 0; i < s.size();) {
-    unsigned char c = static_cast<unsigned char>(s[i]);
-    char32_t cp = c;
-    size_t len = c < 0x80 ? 1 : (c >> 5) == 6 ? 2 : (c >> 4) == 14 ? 3 : (c >> 3) == 30 ? 4 : 1;
-    if (len > 1 && i + len <= s.size()) {
-      cp = c & (0x7F >> len);
-      for (size_t k = 1; k < len; ++k) cp = (cp << 6) | (static_cast<unsigned char>(s[i + k]) & 0x3F);
-    } else if (len > 1) {
-      cp = 0xFFFD, len = 1;
-    }
-    i += len;
-    if (cp >= 0x10000) {
-      cp -= 0x10000;
-      out += static_cast<char16_t>(0xD800 + (cp >> 10));
-      out += static_cast<char16_t>(0xDC00 + (cp & 0x3FF));
-    } else {
-      out += static_cast<char16_t>(cp);
-    }
-  }
-  return out;
-}
-
-void AppendUtf8(std::string& out, char32_t cp) {
-  if (cp < 0x80) {
-    out += static_cast<char>(cp);
-  } else if (cp < 0x800) {
-    out += static_cast<char>(0xC0 | (cp >> 6));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  } else if (cp < 0x10000) {
-    out += static_cast<char>(0xE0 | (cp >> 12));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  } else {
-    out += static_cast<char>(0xF0 | (cp >> 18));
-    out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  }
-}
-
-std::string BstrToUtf8(BSTR s) {
-  std::string out;
-  if (!s) return out;
-  UINT n = SysStringLen(s);
-  for (UINT i = 0; i < n; ++i) {
-    char32_t cp = s[i];
-    if (cp >= 0xD800 && cp < 0xDC00 && i + 1 < n && s[i + 1] >= 0xDC00 && s[i + 1] < 0xE000)
-      cp = 0x10000 + ((cp - 0xD800) << 10) + (s[++i] - 0xDC00);
-    AppendUtf8(out, cp);
-  }
-  return out;
-}
+std::string BstrToUtf8(BSTR s) { return s ? adp::Utf16ToUtf8(s, SysStringLen(s)) : std::string(); }
 
 BSTR NewBstr(const std::string& utf8) {
-  std::u16string w = Utf8ToUtf16(utf8);
+  std::u16string w = adp::Utf8ToUtf16(utf8.c_str(), utf8.size());
   return SysAllocStringLen(w.data(), static_cast<UINT>(w.size()));
 }
 
@@ -638,14 +584,8 @@ class Folder final : public ComObject<IZT4ArchiveFolder> {
 std::string DefaultLogFolder() {
   PWSTR pwszFolder = nullptr;
   std::string folder;
-  if (SUCCEEDED(SHGetKnownFolderPath(FOLDERID_LocalAppData, 0, nullptr, &pwszFolder)) && pwszFolder) {
-    int cb = WideCharToMultiByte(CP_UTF8, 0, pwszFolder, -1, nullptr, 0, nullptr, nullptr);
-    if (cb > 1) {
-      folder.resize(cb - 1);
-      WideCharToMultiByte(CP_UTF8, 0, pwszFolder, -1, folder.data(), cb, nullptr, nullptr);
-      folder += "\\Larkmoor Systems\\Nimbrel\\LogFiles";
-    }
-  }
+  if (SUCCEEDED(SHGetKnownFolderPath(FOLDERID_LocalAppData, 0, nullptr, &pwszFolder)) && pwszFolder)
+    folder = adp::Utf16ToUtf8(pwszFolder) + "\\Larkmoor Systems\\Nimbrel\\LogFiles";
   CoTaskMemFree(pwszFolder);
   return folder;
 }

@@ -1686,16 +1686,13 @@ HRESULT CFileBackEnd::UpdateFolderCount(PRIVATE_EID ParentEID, PRIVATE_EID Folde
   HRESULT hResult = S_OK;
   // Lock order: back-end critical section, then the CDataBase lock.
   CBackEndLock lock(m_cs);
-  CStreamHolder stream;
   try {
-    ZT4_CHECK(GetStream(ParentEID.dwObjID, RECFLD_CHILDREN, stream.Out()));
     CIDList ids;
-    ZT4_CHECK(ids.LoadFromStream(stream.Get()));
+    ZT4_CHECK(LoadListOrEmpty(ParentEID.dwObjID, RECFLD_CHILDREN, &ids));
     ZT4_CHECK(ids.Insert(FolderEID.dwObjID));
-    ZT4_CHECK(ids.SaveToStream(stream.Get()));
+    ZT4_CHECK(SaveIDList(ParentEID.dwObjID, RECFLD_CHILDREN, &ids));
   }
   ZT4_CATCH(hResult);
-  stream.Reset();
   ZT4_LOG_FAILURE("CFileBackEnd::UpdateFolderCount", hResult);
   return hResult;
 }
@@ -2075,13 +2072,9 @@ HRESULT CFileBackEnd::DeleteFolderStorage(DWORD dwParentID, DWORD dwFolderID) {
   try {
     DeleteFolderNameInParent(dwParentID, dwFolderID);
     CIDList children;
-    {
-      CStreamHolder stream;
-      ZT4_CHECK(GetStream(dwParentID, RECFLD_CHILDREN, stream.Out()));
-      ZT4_CHECK(children.LoadFromStream(stream.Get()));
-      children.Remove(dwFolderID);
-      ZT4_CHECK(children.SaveToStream(stream.Get()));
-    }
+    ZT4_CHECK(LoadListOrEmpty(dwParentID, RECFLD_CHILDREN, &children));
+    children.Remove(dwFolderID);
+    ZT4_CHECK(SaveIDList(dwParentID, RECFLD_CHILDREN, &children));
     if (children.GetNodeCount() == 0) ClearSubfolders(dwParentID);
     m_pDBobj->DeleteRecord(dwFolderID);
   }

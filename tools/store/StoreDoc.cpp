@@ -1,5 +1,7 @@
 #include "StoreDoc.h"
 
+#include <adplatform.h>
+
 #include <cinttypes>
 #include <cmath>
 #include <cstdio>
@@ -17,24 +19,6 @@ Doc& Doc::Push(Doc value) {
 }
 
 namespace {
-
-void AppendUtf8(std::string& out, uint32_t cp) {
-  if (cp < 0x80) {
-    out += static_cast<char>(cp);
-  } else if (cp < 0x800) {
-    out += static_cast<char>(0xC0 | (cp >> 6));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  } else if (cp < 0x10000) {
-    out += static_cast<char>(0xE0 | (cp >> 12));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  } else {
-    out += static_cast<char>(0xF0 | (cp >> 18));
-    out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  }
-}
 
 // Length of a well-formed UTF-8 sequence at s[i], 0 when it is not one.
 size_t Utf8SequenceLength(const std::string& s, size_t i) {
@@ -64,7 +48,9 @@ std::string JsonQuote(const std::string& s) {
         out.append(s, i, n);
         i += n;
       } else {
-        AppendUtf8(out, c);  // Latin-1
+        // Latin-1: two UTF-8 bytes.
+        out += static_cast<char>(0xC0 | (c >> 6));
+        out += static_cast<char>(0x80 | (c & 0x3F));
         ++i;
       }
       continue;
@@ -91,21 +77,10 @@ std::string JsonQuote(const std::string& s) {
 }
 
 std::string Utf16ToUtf8(const uint8_t* p, size_t cb) {
-  std::string out;
-  size_t cUnits = cb / 2;
-  for (size_t i = 0; i < cUnits; ++i) {
-    uint32_t u = p[2 * i] | (p[2 * i + 1] << 8);
-    if (u >= 0xD800 && u <= 0xDBFF && i + 1 < cUnits) {
-      uint32_t v = p[2 * i + 2] | (p[2 * i + 3] << 8);
-      if (v >= 0xDC00 && v <= 0xDFFF) {
-        AppendUtf8(out, 0x10000 + ((u - 0xD800) << 10) + (v - 0xDC00));
-        ++i;
-        continue;
-      }
-    }
-    AppendUtf8(out, (u >= 0xD800 && u <= 0xDFFF) ? 0xFFFD : u);
-  }
-  return out;
+  // Little-endian units, read bytewise: the field need not be aligned.
+  std::u16string units(cb / 2, u'\0');
+  for (size_t i = 0; i < units.size(); ++i) units[i] = static_cast<char16_t>(p[2 * i] | (p[2 * i + 1] << 8));
+  return adp::Utf16ToUtf8(units.data(), units.size());
 }
 
 std::string HexBytes(const uint8_t* p, size_t cb) {
